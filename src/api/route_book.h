@@ -1,0 +1,56 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "api/context.h"
+#include "api/request.h"
+#include "api/response.h"
+
+namespace tavrel::api {
+
+using Handler = std::function<Response(Context&, const Request&)>;
+/// Calls `next` to run the rest of the chain, or answers itself.
+using Middleware = std::function<Response(Context&, const Request&, const Handler& next)>;
+/// Serves a streaming route. No middleware runs around it, and the answer is always 200.
+using StreamHandler = std::function<void(Context&, const Request&, StreamWriter&)>;
+
+/// One route: exactly one of `handler` and `stream_handler` is set.
+struct Route {
+  std::string method;  ///< "GET", "POST", "PUT", "DELETE" or "OPTIONS"
+  std::string pattern;
+  Handler handler;
+  StreamHandler stream_handler;
+  std::vector<Middleware> middlewares;
+};
+
+/// The routes that families offer, before they are put on a server in the order of the catalogue.
+class RouteBook {
+ public:
+  void get(std::string pattern, Handler handler) {
+    add("GET", std::move(pattern), std::move(handler));
+  }
+  void post(std::string pattern, Handler handler) {
+    add("POST", std::move(pattern), std::move(handler));
+  }
+  void put(std::string pattern, Handler handler) {
+    add("PUT", std::move(pattern), std::move(handler));
+  }
+  void del(std::string pattern, Handler handler) {
+    add("DELETE", std::move(pattern), std::move(handler));
+  }
+  void getStream(std::string pattern, StreamHandler handler);
+  void postStream(std::string pattern, StreamHandler handler);
+
+  const std::vector<Route>& routes() const { return routes_; }
+  /// The route offered for this method and pattern, or null.
+  const Route* find(const std::string& method, const std::string& pattern) const;
+
+ private:
+  void add(std::string method, std::string pattern, Handler handler);
+
+  std::vector<Route> routes_;
+};
+
+}  // namespace tavrel::api

@@ -1,0 +1,61 @@
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace tavrel::net {
+
+/// No default: every call site names its deadlines.
+struct Timeouts {
+  std::chrono::milliseconds connect;
+  std::chrono::milliseconds total;
+};
+
+struct HttpCall {
+  std::string method = "GET";
+  std::string url;  ///< http or https only
+  std::vector<std::pair<std::string, std::string>> headers;
+  std::string body;  ///< sent for every method but GET; empty sends none
+  std::size_t max_answer_bytes = std::size_t{64} << 20;
+};
+
+/// What came of a call. An HTTP status of 500 is an answer, not a transport error.
+struct HttpResult {
+  std::string transport_error;  ///< empty when an answer arrived
+  int status = 0;
+  std::string body;
+  std::string content_type;
+
+  bool ok() const { return transport_error.empty() && status == 200; }
+};
+
+/// Outbound HTTP calls (libcurl). Redirects are not followed; dot segments in a URL are sent as
+/// given.
+///
+/// Threads: any number may call at once. Calls block (they announce it through
+/// platform::BlockingScope) and are never made with a lock held. Handles are kept for reuse.
+/// Stopping: `cancelAll` makes running calls end within a second and later ones fail at once.
+class HttpClient {
+ public:
+  HttpClient();
+  ~HttpClient();
+  HttpClient(const HttpClient&) = delete;
+  HttpClient& operator=(const HttpClient&) = delete;
+
+  HttpResult send(const HttpCall& call, Timeouts timeouts);
+  HttpResult get(const std::string& url, Timeouts timeouts);
+  /// POST with "Content-Type: application/json".
+  HttpResult postJson(const std::string& url, std::string body, Timeouts timeouts);
+
+  void cancelAll();
+
+ private:
+  struct Impl;
+  std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace tavrel::net

@@ -1,0 +1,94 @@
+#include "platform/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "platform/random.h"
+
+namespace tavrel::platform {
+namespace {
+
+class Descriptor {
+ public:
+  explicit Descriptor(int value) : value_(value) {}
+  ~Descriptor() {
+    if (value_ >= 0) ::close(value_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  int get() const { return value_; }
+
+ private:
+  int value_;
+};
+
+bool writeAll(int descriptor, std::string_view rest) {
+  while (!rest.empty()) {
+    const ssize_t written = ::write(descriptor, rest.data(), rest.size());
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    rest.remove_prefix(static_cast<std::size_t>(written));
+  }
+  return true;
+}
+
+std::string parentOf(const std::string& path) {
+  const std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) return ".";
+  return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+}  // namespace
+
+std::optional<std::string> readFile(const std::string& path) {
+  // Non-blocking, so that a FIFO in the file's place cannot hold the caller.
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
+  struct stat status {};
+  if (file.get() < 0 || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  std::string content;
+  content.reserve(static_cast<std::size_t>(status.st_size));
+  char buffer[65536];
+  for (;;) {
+    const ssize_t count = ::read(file.get(), buffer, sizeof buffer);
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return {};
+    if (count == 0) return content;
+    content.append(buffer, static_cast<std::size_t>(count));
+  }
+}
+
+bool writeFileAtomically(const std::string& path, std::string_view content) {
+  const std::string temporary = path + ".tmp-" + randomHex(8);
+  bool written = false;
+  {
+    const Descriptor file(
+        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
+    if (file.get() < 0) return false;
+    written = writeAll(file.get(), content) && ::fsync(file.get()) == 0;
+  }
+  if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  const Descriptor directory(::open(parentOf(path).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  if (directory.get() >= 0) ::fsync(directory.get());
+  return true;
+}
+
+bool ensureDirectory(const std::string& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) == 0) return S_ISDIR(status.st_mode);
+  if (path.empty() || !ensureDirectory(parentOf(path))) return false;
+  return ::mkdir(path.c_str(), S_IRWXU) == 0 || errno == EEXIST;
+}
+
+std::string userConfigDirectory(const std::string& fallback_home) {
+  const char* home = std::getenv("HOME");
+  return (home != nullptr && *home != '\0' ? std::string(home) : fallback_home) + "/.config/tavrel";
+}
+
+}  // namespace tavrel::platform
