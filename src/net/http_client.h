@@ -25,8 +25,9 @@ struct HttpCall {
 
 /// What came of a call. An HTTP status of 500 is an answer, not a transport error.
 struct HttpResult {
-  std::string transport_error;  ///< empty when an answer arrived
-  int status = 0;
+  std::string transport_error;  ///< empty when an answer arrived, else libcurl's text
+  int transport_code = 0;       ///< libcurl's number for it; 0 when an answer arrived
+  int status = 0;               ///< 0 when none arrived
   std::string body;
   std::string content_type;
 
@@ -34,11 +35,14 @@ struct HttpResult {
 };
 
 /// Outbound HTTP calls (libcurl). Redirects are not followed; dot segments in a URL are sent as
-/// given.
+/// given; proxies named by the environment are not used. Every call has a connection of its own: a
+/// kept one would tie up a thread of a simple peer, and a request lost on a stale one would be sent
+/// twice.
 ///
 /// Threads: any number may call at once. Calls block (they announce it through
 /// platform::BlockingScope) and are never made with a lock held. Handles are kept for reuse.
-/// Stopping: `cancelAll` makes running calls end within a second and later ones fail at once.
+/// Stopping: `cancelAll` makes running calls end within about a second and later ones fail at once.
+/// Failure: told by HttpResult; a timeout below a millisecond counts as one.
 class HttpClient {
  public:
   HttpClient();

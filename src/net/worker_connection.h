@@ -2,28 +2,14 @@
 
 #include <chrono>
 #include <cstddef>
-#include <cstdint>
 #include <memory>
 #include <string>
 #include <string_view>
-#include <utility>
-#include <vector>
 
 #include "net/http_response_parser.h"
+#include "net/worker_address.h"
 
 namespace tavrel::net {
-
-/// Where a worker listens: a host name or a numeric IPv4 or IPv6 address.
-struct WorkerAddress {
-  std::string host;
-  int port = 0;
-
-  bool operator==(const WorkerAddress&) const = default;
-  bool operator<(const WorkerAddress& other) const {
-    return std::pair(std::string_view(host), port) <
-           std::pair(std::string_view(other.host), other.port);
-  }
-};
 
 enum class WorkerIo {
   kOk,
@@ -40,7 +26,13 @@ enum class WorkerIo {
 /// behalf it is made and ends at once with kClientGone when that leaves, so the worker learns of it
 /// (the owner then drops the connection).
 ///
-/// Threads: one at a time. Waits announce themselves through platform::BlockingScope.
+/// Threads: one at a time. Waits announce themselves through platform::BlockingScope; what is
+/// possible without waiting is done without.
+/// Use: connect, then for every exchange send, readHead, readBody until the end (or readWholeBody);
+/// reusable() tells whether another exchange may follow.
+/// Failure: told by WorkerIo; nothing throws. After kTimedOut and kClientGone of a read the call
+/// may be repeated; after any other failure the connection is of no use, except that an answer
+/// which came before kSendFailed can still be read.
 class WorkerConnection {
  public:
   /// `client_descriptor` is polled for a hang-up beside the worker's socket; -1: nobody to watch.
@@ -49,22 +41,33 @@ class WorkerConnection {
   WorkerConnection(WorkerConnection&&) noexcept;
   WorkerConnection& operator=(WorkerConnection&&) noexcept;
 
+  /// `timeout` covers the name lookup and every address the name has.
   WorkerIo connect(const WorkerAddress& address, std::chrono::milliseconds timeout);
 
   /// Sends the whole text; `stall_timeout` bounds the time without progress.
   WorkerIo send(std::string_view bytes, std::chrono::milliseconds stall_timeout);
+  /// Both texts, one after the other, without joining them first.
+  WorkerIo send(std::string_view head, std::string_view body,
+                std::chrono::milliseconds stall_timeout);
 
   /// Reads up to and including the blank line after the final status's header (1xx answers are
   /// skipped). kTimedOut leaves the connection usable: the caller may go on waiting.
   WorkerIo readHead(HttpResponseHead& head, std::chrono::milliseconds timeout);
 
-  /// Appends the next decoded piece of the body (transfer coding removed) to `piece`, waiting for
-  /// one if none has arrived. `end` is set when the body is complete; a piece may come with it.
+  /// Appends the next decoded piece of the body (transfer coding removed) to `piece`; waits only
+  /// when no byte of it has arrived. `end` is set when the body is complete; a piece may come with
+  /// it. A failure may come with a last piece too.
   WorkerIo readBody(std::string& piece, bool& end, std::chrono::milliseconds timeout);
 
-  /// The rest of the body in one string of at most `max_bytes`; `stall_timeout` as for send.
+  /// Appends the rest of the body, of at most `max_bytes`; `stall_timeout` as for send. What had
+  /// arrived before a failure is in `body`.
   WorkerIo readWholeBody(std::string& body, std::size_t max_bytes,
                          std::chrono::milliseconds stall_timeout);
+
+  /// True once a byte of the answer to the last request has arrived. A connection from the pool
+  /// that fails before was closed by the worker while it was kept: the request may be sent again,
+  /// on a new one.
+  bool answerBegun() const;
 
   /// True when the answer was read to its end and both sides may use the connection again.
   bool reusable() const;
@@ -74,38 +77,5 @@ class WorkerConnection {
   struct State;
   std::unique_ptr<State> state_;
 };
-
-/// Kept-alive connections to workers, a bounded number per address, dropped after a while unused.
-/// Threads: any.
-class WorkerConnectionPool {
- public:
-  struct Limits {
-    std::size_t idle_per_worker = 64;
-    std::size_t idle_in_total = 2048;
-    std::chrono::seconds max_idle{30};
-  };
-  explicit WorkerConnectionPool(Limits limits);
-  ~WorkerConnectionPool();
-
-  /// A kept connection that is still open and silent (checked without blocking), watching
-  /// `client_descriptor`; null when there is none.
-  std::unique_ptr<WorkerConnection> take(const WorkerAddress& address, int client_descriptor);
-
-  /// Keeps the connection if it is reusable, closes it otherwise.
-  void giveBack(const WorkerAddress& address, std::unique_ptr<WorkerConnection> connection);
-
-  /// Closes the kept connections to an address (a worker that left or failed).
-  void forget(const WorkerAddress& address);
-
- private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
-};
-
-/// The head of the POST that is sent to workers; `keep_alive` false adds "Connection: close".
-/// Host is "<host>:<port>" (an IPv6 address in brackets).
-std::string workerPostHead(const WorkerAddress& address, std::string_view path,
-                           std::size_t content_length, bool keep_alive,
-                           std::string_view content_type = "application/json");
 
 }  // namespace tavrel::net
