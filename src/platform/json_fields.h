@@ -1,0 +1,69 @@
+#pragma once
+
+#include <cmath>
+#include <cstdint>
+#include <limits>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <type_traits>
+#include <utility>
+#include <vector>
+
+// Reading members of JSON objects that came over the network. Values of a wrong type throw
+// nlohmann's type_error, nothing else does. No state; any thread.
+namespace tavrel::platform {
+
+/// A JSON number as a `Number`, whatever its size: what lies outside the type's range becomes the
+/// nearest value inside it (1e300 as an int32 is INT32_MAX, -1 as a uint64 is 0), a fraction is cut
+/// off for integers. Plain `get<int>()` is undefined behaviour or wraps on such values.
+template <class Number>
+Number jsonNumber(const nlohmann::json& value) {
+  static_assert(std::is_arithmetic_v<Number> && !std::is_same_v<Number, bool>);
+  using Limits = std::numeric_limits<Number>;
+  if constexpr (std::is_integral_v<Number>) {
+    if (value.is_number_unsigned()) {
+      const auto wide = value.get<std::uint64_t>();
+      return std::cmp_greater(wide, Limits::max()) ? Limits::max() : static_cast<Number>(wide);
+    }
+    if (value.is_number_integer()) {
+      const auto wide = value.get<std::int64_t>();
+      if (std::cmp_less(wide, Limits::min())) return Limits::min();
+      return std::cmp_greater(wide, Limits::max()) ? Limits::max() : static_cast<Number>(wide);
+    }
+  }
+  const auto wide = value.get<double>();
+  if (std::isnan(wide)) return Number{};
+  // As a double the maximum of a 64-bit integer is the next power of two, which is outside the
+  // type: with ">=" the conversion below never sees it.
+  if (wide >= static_cast<double>(Limits::max())) return Limits::max();
+  if (wide <= static_cast<double>(Limits::lowest())) return Limits::lowest();
+  return static_cast<Number>(wide);
+}
+
+/// The member `key` of a JSON object, or null.
+inline const nlohmann::json* jsonMember(const nlohmann::json& object, const char* key) {
+  const auto& members = object.get_ref<const nlohmann::json::object_t&>();
+  const auto member = members.find(key);
+  return member == members.end() ? nullptr : &member->second;
+}
+
+/// The number under `key` of a JSON object, or `fallback` when the key is missing.
+template <class Number>
+Number jsonNumberOr(const nlohmann::json& object, const char* key, Number fallback) {
+  const nlohmann::json* value = jsonMember(object, key);
+  return value == nullptr ? fallback : jsonNumber<Number>(*value);
+}
+
+/// Sets `field` to the member `key` of a JSON object; a missing key leaves it as it is.
+template <class Field>
+void readField(const nlohmann::json& object, const char* key, Field& field) {
+  const nlohmann::json* value = jsonMember(object, key);
+  if (value == nullptr) return;
+  if constexpr (std::is_arithmetic_v<Field> && !std::is_same_v<Field, bool>) {
+    field = jsonNumber<Field>(*value);
+  } else {
+    field = value->get<Field>();
+  }
+}
+
+}  // namespace tavrel::platform
