@@ -3,6 +3,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -65,6 +66,10 @@ class HttpServer {
 
   /// Everything registered so far, in order.
   const std::vector<Route>& routes() const;
+
+  /// Called once by stop when the grace is over and requests are still running, to end what they
+  /// wait for.
+  void onGraceOver(std::function<void()> action);
 
   /// Binds, listens and returns whether it does; false when already running or the port is taken.
   bool start();

@@ -1,0 +1,208 @@
+#include "api/connection.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <utility>
+
+#include "platform/blocking.h"
+
+namespace tavrel::api {
+namespace {
+
+constexpr std::size_t kReceiveBytes = 64 << 10;
+/// Collected output is sent once it exceeds this, so that a large body is not copied twice.
+constexpr std::size_t kSendThreshold = 64 << 10;
+/// A body may take longer than the read timeout as long as it arrives at this pace.
+constexpr std::uint64_t kMinimumBodyBytesPerSecond = 16 << 10;
+
+constexpr std::int64_t kActive = std::numeric_limits<std::int64_t>::max();
+constexpr std::int64_t kExpired = -1;
+
+}  // namespace
+
+Connection::Connection(int socket, std::string remote_address, Timeouts timeouts)
+    : socket_(socket),
+      remote_address_(std::move(remote_address)),
+      timeouts_(timeouts),
+      deadline_(kActive) {}
+
+Connection::~Connection() {
+  ::close(socket_);
+}
+
+bool Connection::gone() const {
+  if (interrupted_.load(std::memory_order_relaxed)) return true;
+  pollfd client{socket_, POLLRDHUP, 0};
+  return ::poll(&client, 1, 0) > 0 && (client.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
+}
+
+Connection::Arrival Connection::receive() {
+  // One buffer per thread: a connection itself keeps no more than what has really arrived.
+  thread_local std::array<char, kReceiveBytes> buffer;
+  for (;;) {
+    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    if (count > 0) {
+      if (read_at_ == input_.size()) {
+        input_.clear();
+        read_at_ = 0;
+      }
+      input_.append(buffer.data(), static_cast<std::size_t>(count));
+      return Arrival::kBytes;
+    }
+    if (count == 0) return Arrival::kClosed;
+    if (errno == EINTR) continue;
+    return errno == EAGAIN || errno == EWOULDBLOCK ? Arrival::kNothing : Arrival::kClosed;
+  }
+}
+
+platform::SteadyTime Connection::parkingDeadline(platform::SteadyTime now,
+                                                 std::chrono::milliseconds timeout) {
+  if (!hasInput()) return now + timeout;
+  if (head_started_ == platform::SteadyTime{}) head_started_ = now;
+  return head_started_ + timeout;
+}
+
+void Connection::beginRequest(const RequestHead& head) {
+  head_ = head;
+  request_bytes_read_ = 0;
+  chunked_body_read_ = false;
+  body_timed_out_ = false;
+  searched_ = 0;
+  head_started_ = {};
+  request_started_ = platform::steadyNow();
+}
+
+bool Connection::requestConsumed() const {
+  if (head_.chunked) return chunked_body_read_;
+  return request_bytes_read_ == head_.size + head_.content_length;
+}
+
+platform::SteadyTime Connection::bodyDeadline() const {
+  const auto at_minimum_pace =
+      std::chrono::milliseconds(request_bytes_read_ * 1000 / kMinimumBodyBytesPerSecond);
+  return request_started_ + std::max<std::chrono::milliseconds>(timeouts_.read, at_minimum_pace);
+}
+
+std::ptrdiff_t Connection::read(char* to, std::size_t size) {
+  // Bytes beyond a body of known length belong to the next request.
+  if (!head_.chunked) {
+    const std::uint64_t left = head_.size + head_.content_length - request_bytes_read_;
+    size = static_cast<std::size_t>(std::min<std::uint64_t>(size, left));
+    if (size == 0) return 0;
+  }
+  while (!hasInput()) {
+    if (!flush()) return -1;  // the peer may be waiting for "100 Continue"
+    const Arrival arrival = receive();
+    if (arrival == Arrival::kClosed) return 0;
+    if (arrival == Arrival::kNothing && !waitFor(POLLIN, bodyDeadline())) {
+      body_timed_out_ = true;
+      return -1;
+    }
+  }
+  const std::size_t count = std::min(size, input_.size() - read_at_);
+  std::memcpy(to, input_.data() + read_at_, count);
+  read_at_ += count;
+  request_bytes_read_ += count;
+  return static_cast<std::ptrdiff_t>(count);
+}
+
+void Connection::skipArrivedBody() {
+  if (head_.chunked) return;
+  const std::uint64_t left = head_.size + head_.content_length - request_bytes_read_;
+  const std::size_t count = std::min<std::uint64_t>(left, input_.size() - read_at_);
+  read_at_ += count;
+  request_bytes_read_ += count;
+}
+
+bool Connection::write(std::string_view bytes) {
+  if (broken_) return false;
+  output_.append(bytes);
+  return output_.size() < kSendThreshold || flush();
+}
+
+bool Connection::flush() {
+  std::string_view rest = output_;
+  while (!broken_ && !rest.empty()) {
+    const ssize_t sent = ::send(socket_, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (sent > 0) {
+      rest.remove_prefix(static_cast<std::size_t>(sent));
+    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+      broken_ = !waitFor(POLLOUT, platform::steadyNow() + timeouts_.write);
+    } else if (errno != EINTR) {
+      broken_ = true;
+    }
+  }
+  output_.clear();
+  return !broken_;
+}
+
+void Connection::linger(std::chrono::milliseconds time) {
+  ::shutdown(socket_, SHUT_WR);
+  const platform::SteadyTime deadline = platform::steadyNow() + time;
+  Arrival arrival = receive();
+  while (arrival != Arrival::kClosed && platform::steadyNow() < deadline) {
+    input_.clear();
+    read_at_ = 0;
+    if (arrival == Arrival::kNothing && !waitFor(POLLIN, deadline)) return;
+    arrival = receive();
+  }
+}
+
+bool Connection::waitFor(short events, platform::SteadyTime deadline) const {
+  const platform::BlockingScope blocking;
+  for (;;) {
+    // A stopping server waits for nobody: neither for more of a body nor for a slow reader.
+    if (interrupted_.load(std::memory_order_relaxed)) return false;
+    const auto left =
+        std::chrono::ceil<std::chrono::milliseconds>(deadline - platform::steadyNow());
+    if (left.count() <= 0) return false;
+    pollfd entry{socket_, events, 0};
+    // Short waits, because an interruption while waiting for room to write raises no event.
+    const int ready =
+        ::poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 500)));
+    if (ready > 0) return true;
+    if (ready < 0 && errno != EINTR) return false;
+  }
+}
+
+void Connection::park(std::int64_t deadline) {
+  if (!hasInput()) {
+    std::string().swap(input_);
+    read_at_ = 0;
+    searched_ = 0;
+  } else if (read_at_ > 0) {
+    input_.erase(0, read_at_);
+    read_at_ = 0;
+  }
+  std::string().swap(output_);
+  deadline_.store(deadline, std::memory_order_release);
+}
+
+bool Connection::unpark() {
+  return deadline_.exchange(kActive, std::memory_order_acq_rel) != kExpired;
+}
+
+void Connection::expireIfDue(std::int64_t now) {
+  std::int64_t deadline = deadline_.load(std::memory_order_acquire);
+  if (deadline == kExpired || deadline > now) return;
+  // Only a connection that is still parked may be taken; the hang-up then makes it ready, and the
+  // thread that gets its event closes it.
+  if (deadline_.compare_exchange_strong(deadline, kExpired, std::memory_order_acq_rel)) {
+    ::shutdown(socket_, SHUT_RD);
+  }
+}
+
+void Connection::interrupt(bool all) {
+  if (!all && !streaming_.load(std::memory_order_relaxed)) return;
+  interrupted_.store(true, std::memory_order_relaxed);
+  ::shutdown(socket_, SHUT_RD);
+}
+
+}  // namespace tavrel::api

@@ -1,0 +1,278 @@
+#include "api/connection_engine.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/console.h"
+#include "platform/periodic_task.h"
+
+namespace tavrel::api {
+namespace {
+
+constexpr int kListenBacklog = 4096;
+/// How often housekeeping looks for expired connections and for a pool that is stuck.
+constexpr std::chrono::milliseconds kHousekeepingPeriod{50};
+/// Connections are looked through for expired ones once in so many periods.
+constexpr int kExpiryPeriods = 10;
+/// Threads that streams leave to everything else.
+constexpr std::size_t kThreadsKeptFromStreams = 64;
+
+/// How long an answer that refuses the rest of a request is given to be read before the close.
+constexpr std::chrono::milliseconds kLingerTime{1000};
+
+const char* statusText(int status) {
+  switch (status) {
+    case 400:
+      return "Bad Request";
+    case 408:
+      return "Request Timeout";
+    case 413:
+      return "Payload Too Large";
+    case 431:
+      return "Request Header Fields Too Large";
+    case 501:
+      return "Not Implemented";
+    default:
+      return "Service Unavailable";
+  }
+}
+
+std::int64_t nanoseconds(platform::SteadyTime time) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+}
+
+std::string numericAddress(const sockaddr_storage& address) {
+  std::array<char, INET6_ADDRSTRLEN> text{};
+  const void* source = nullptr;
+  if (address.ss_family == AF_INET) {
+    source = &reinterpret_cast<const sockaddr_in&>(address).sin_addr;
+  } else if (address.ss_family == AF_INET6) {
+    const auto& v6 = reinterpret_cast<const sockaddr_in6&>(address).sin6_addr;
+    // An IPv4 client of a dual-stack socket is known by its IPv4 address.
+    if (IN6_IS_ADDR_V4MAPPED(&v6)) {
+      ::inet_ntop(AF_INET, &v6.s6_addr[12], text.data(), text.size());
+      return text.data();
+    }
+    source = &v6;
+  } else {
+    return {};
+  }
+  ::inet_ntop(address.ss_family, source, text.data(), text.size());
+  return text.data();
+}
+
+}  // namespace
+
+ConnectionEngine::ConnectionEngine(const Settings& settings, Serve serve)
+    : settings_(settings),
+      serve_(std::move(serve)),
+      epoll_(::epoll_create1(EPOLL_CLOEXEC)),
+      wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      pool_(settings.pool, [this] { return workOnce(); }) {}
+
+ConnectionEngine::~ConnectionEngine() {
+  stop(std::chrono::milliseconds(0), nullptr);
+  ::close(wake_);
+  ::close(epoll_);
+}
+
+bool ConnectionEngine::start(int listening_socket) {
+  listener_ = listening_socket;
+  ::fcntl(listener_, F_SETFL, ::fcntl(listener_, F_GETFL) | O_NONBLOCK);
+  ::fcntl(listener_, F_SETFD, FD_CLOEXEC);
+  // The library listened with a backlog of 5; listening again raises it.
+  if (::listen(listener_, kListenBacklog) != 0) return false;
+
+  epoll_event wake{};
+  wake.events = EPOLLIN;
+  wake.data.ptr = nullptr;
+  epoll_event listening{};
+  listening.events = EPOLLIN | EPOLLONESHOT;
+  listening.data.ptr = this;
+  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &wake) != 0 ||
+      ::epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &listening) != 0) {
+    return false;
+  }
+  pool_.start();
+  housekeeper_ = std::jthread([this](const std::stop_token& stop) { keepHouse(stop); });
+  return true;
+}
+
+bool ConnectionEngine::workOnce() {
+  epoll_event event{};
+  const int count = ::epoll_wait(epoll_, &event, 1, -1);
+  if (stopping()) return false;
+  if (count <= 0) return true;
+  events_handled_.fetch_add(1, std::memory_order_relaxed);
+  if (event.data.ptr == this) {
+    accept();
+  } else if (event.data.ptr != nullptr) {
+    handle(*static_cast<Connection*>(event.data.ptr));
+  }
+  return true;
+}
+
+void ConnectionEngine::accept() {
+  // A bounded number per event, so that a flood of connections cannot keep a thread from requests.
+  for (int i = 0; i < 64; ++i) {
+    sockaddr_storage address{};
+    socklen_t length = sizeof address;
+    const int socket = ::accept4(listener_, reinterpret_cast<sockaddr*>(&address), &length,
+                                 SOCK_NONBLOCK | SOCK_CLOEXEC);
+    if (socket >= 0) {
+      adopt(socket, numericAddress(address));
+    } else if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
+      // Out of descriptors: wait a moment for some to come back rather than spin.
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      break;
+    } else if (errno != EINTR && errno != ECONNABORTED) {
+      break;
+    }
+  }
+  epoll_event listening{};
+  listening.events = EPOLLIN | EPOLLONESHOT;
+  listening.data.ptr = this;
+  ::epoll_ctl(epoll_, EPOLL_CTL_MOD, listener_, &listening);
+}
+
+void ConnectionEngine::adopt(int socket, std::string remote_address) {
+  const int on = 1;
+  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  auto owned = std::make_unique<Connection>(socket, std::move(remote_address), settings_.timeouts);
+  Connection* connection = owned.get();
+  {
+    const platform::MutexLock lock(mutex_);
+    if (connections_.size() < settings_.max_connections && !stopping()) {
+      connections_.emplace(connection, std::move(owned));
+    }
+  }
+  if (owned != nullptr) {
+    refuse(*connection, 503);
+    return;
+  }
+  connection->park(nanoseconds(platform::steadyNow() + settings_.idle_timeout));
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+  event.data.ptr = connection;
+  if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, socket, &event) != 0) close(*connection);
+}
+
+void ConnectionEngine::handle(Connection& connection) {
+  const bool expired = !connection.unpark();
+  if (expired) {
+    // Only a client that had begun a request is owed an answer.
+    if (connection.hasInput()) refuse(connection, 408);
+    close(connection);
+    return;
+  }
+  if (connection.receive() == Connection::Arrival::kClosed || !serveInput(connection)) {
+    close(connection);
+  }
+}
+
+bool ConnectionEngine::serveInput(Connection& connection) {
+  while (connection.hasInput()) {
+    const RequestHead head = connection.scanHead(settings_.head);
+    if (head.state == RequestHead::State::kRefused) {
+      refuse(connection, head.refusal);
+      return false;
+    }
+    if (head.state == RequestHead::State::kIncomplete) {
+      return park(connection, settings_.timeouts.read);
+    }
+    connection.beginRequest(head);
+    if (!serve_(connection) || stopping()) {
+      if (!connection.requestConsumed() && !stopping()) connection.linger(kLingerTime);
+      return false;
+    }
+  }
+  return park(connection, settings_.idle_timeout);
+}
+
+void ConnectionEngine::refuse(Connection& connection, int status) {
+  connection.write("HTTP/1.1 " + std::to_string(status) + ' ' + statusText(status) +
+                   "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+  if (connection.flush()) connection.linger(kLingerTime);
+}
+
+bool ConnectionEngine::park(Connection& connection, std::chrono::milliseconds timeout) {
+  // A head that is dribbled in keeps the deadline of its first byte.
+  connection.park(nanoseconds(connection.parkingDeadline(platform::steadyNow(), timeout)));
+  epoll_event event{};
+  event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
+  event.data.ptr = &connection;
+  return ::epoll_ctl(epoll_, EPOLL_CTL_MOD, connection.descriptor(), &event) == 0;
+}
+
+void ConnectionEngine::close(Connection& connection) {
+  const platform::MutexLock lock(mutex_);
+  connections_.erase(&connection);
+}
+
+bool ConnectionEngine::openStream() {
+  const std::size_t spare = std::min(kThreadsKeptFromStreams, pool_.maximum() / 2);
+  if (streams_.fetch_add(1, std::memory_order_relaxed) < pool_.maximum() - spare) return true;
+  closeStream();
+  return false;
+}
+
+void ConnectionEngine::keepHouse(const std::stop_token& stop) {
+  platform::nameThisThread("http-house");
+  std::uint64_t handled_before = 0;
+  int periods = 0;
+  while (!stop.stop_requested()) {
+    pollfd waiting{epoll_, POLLIN, 0};
+    std::this_thread::sleep_for(kHousekeepingPeriod);
+    const std::uint64_t handled = events_handled_.load(std::memory_order_relaxed);
+    // Events wait and none was taken for a whole period: every thread is held by something that did
+    // not announce its wait.
+    if (handled == handled_before && ::poll(&waiting, 1, 0) > 0) pool_.addThread();
+    handled_before = handled;
+    if (++periods % kExpiryPeriods != 0) continue;
+    const std::int64_t now = nanoseconds(platform::steadyNow());
+    const platform::MutexLock lock(mutex_);
+    for (const auto& [connection, owner] : connections_) connection->expireIfDue(now);
+  }
+}
+
+void ConnectionEngine::interruptAll(bool all) {
+  const platform::MutexLock lock(mutex_);
+  for (const auto& [connection, owner] : connections_) connection->interrupt(all);
+}
+
+void ConnectionEngine::stop(std::chrono::milliseconds grace,
+                            const std::function<void()>& on_grace_over) {
+  if (stopping_.exchange(true)) return;
+  if (listener_ >= 0) ::close(listener_);
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
+  pool_.requestStop();
+  if (housekeeper_.joinable()) {
+    housekeeper_.request_stop();
+    housekeeper_.join();
+  }
+  interruptAll(/*all=*/false);
+  if (!pool_.waitUntilEmpty(grace)) {
+    interruptAll(/*all=*/true);
+    if (on_grace_over) on_grace_over();
+    while (!pool_.waitUntilEmpty(std::chrono::seconds(10))) {
+      platform::printError("[Controller] Still waiting for running requests to end");
+    }
+  }
+  const platform::MutexLock lock(mutex_);
+  connections_.clear();
+}
+
+}  // namespace tavrel::api

@@ -1,0 +1,94 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <thread>
+#include <unordered_map>
+
+#include "api/connection.h"
+#include "api/elastic_pool.h"
+#include "platform/mutex.h"
+
+namespace tavrel::api {
+
+/// Serves any number of HTTP connections with few threads.
+///
+/// The HTTP library would hold one thread per open connection. Here a connection is parked in an
+/// epoll set until bytes arrive. Pool threads wait on that set themselves, one event each: the one
+/// that gets a connection's event owns the connection until it parks it again (the events are
+/// one-shot), so no queue and no hand-over lie between the socket and the handler. A request costs
+/// a thread only once its whole head is there; whoever dribbles bytes costs a wake-up each, no
+/// more.
+///
+/// Limits kept here: bytes and fields of a head, the time a head and a body may take, the time a
+/// connection may idle, the number of connections.
+///
+/// Threads: start and stop belong to the owner; `serve` is called from pool threads, many at once,
+/// never twice at a time for one connection.
+class ConnectionEngine {
+ public:
+  struct Settings {
+    HeadLimits head;
+    Connection::Timeouts timeouts;
+    std::chrono::milliseconds idle_timeout;
+    std::size_t max_connections;
+    ElasticPool::Limits pool;
+  };
+
+  /// Serves the request at the front of the connection's input, whose head is complete, and returns
+  /// whether the connection may carry another.
+  using Serve = std::function<bool(Connection&)>;
+
+  ConnectionEngine(const Settings& settings, Serve serve);
+  ~ConnectionEngine();
+  ConnectionEngine(const ConnectionEngine&) = delete;
+  ConnectionEngine& operator=(const ConnectionEngine&) = delete;
+
+  /// Takes over a bound socket and begins to accept from it.
+  bool start(int listening_socket);
+
+  /// Ends parked connections and streams at once, everything else after `grace` (`on_grace_over` is
+  /// called then, if requests are still running), and returns when no handler runs any more.
+  void stop(std::chrono::milliseconds grace, const std::function<void()>& on_grace_over);
+
+  bool stopping() const { return stopping_.load(std::memory_order_relaxed); }
+
+  /// Counts a stream in, so that streams never take the last threads; false when there are too
+  /// many.
+  bool openStream();
+  void closeStream() { streams_.fetch_sub(1, std::memory_order_relaxed); }
+
+ private:
+  bool workOnce();
+  void accept();
+  void adopt(int socket, std::string remote_address);
+  void handle(Connection& connection);
+  /// True when the connection is parked again, false when it is to be closed.
+  bool serveInput(Connection& connection);
+  void refuse(Connection& connection, int status);
+  bool park(Connection& connection, std::chrono::milliseconds timeout);
+  void close(Connection& connection);
+  void keepHouse(const std::stop_token& stop);
+  void interruptAll(bool all);
+
+  const Settings settings_;
+  const Serve serve_;
+  const int epoll_;
+  const int wake_;  ///< an eventfd in the epoll set: readable once the engine stops
+  int listener_ = -1;
+
+  std::atomic<bool> stopping_{false};
+  std::atomic<std::size_t> streams_{0};
+  std::atomic<std::uint64_t> events_handled_{0};
+
+  platform::Mutex mutex_;
+  std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ TV_GUARDED_BY(mutex_);
+
+  ElasticPool pool_;
+  std::jthread housekeeper_;
+};
+
+}  // namespace tavrel::api

@@ -1,0 +1,78 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "platform/blocking.h"
+
+namespace tavrel::api {
+
+/// Threads that take work by themselves (each runs `work` again and again), as many as keep the
+/// processors busy, plus one for each that is waiting for somebody else.
+///
+/// A thread that is about to wait says so (platform::BlockingScope), and another takes its place if
+/// too few are left. When it comes back there may be more threads than wanted: the next one to
+/// finish its piece of work rests, and ends if it is not needed for a while. So hundreds of
+/// requests that wait for workers cost hundreds of sleeping threads, while the number that compete
+/// for a processor stays small.
+///
+/// Threads: start, stop and the destructor belong to the owner; addThread may be called from any.
+class ElasticPool {
+ public:
+  struct Limits {
+    std::size_t wanted = 4;      ///< threads that are neither waiting nor resting
+    std::size_t minimum = 2;     ///< below this many of them, a waiting thread is replaced
+    std::size_t maximum = 4096;  ///< threads in all
+    std::chrono::seconds rest{10};
+    std::size_t stack_bytes = std::size_t{1} << 20;
+  };
+
+  /// `work` runs one piece of work, waiting for it if there is none; it returns false to end the
+  /// thread (the pool is being stopped).
+  ElasticPool(Limits limits, std::function<bool()> work);
+  ~ElasticPool();
+  ElasticPool(const ElasticPool&) = delete;
+  ElasticPool& operator=(const ElasticPool&) = delete;
+
+  void start();
+
+  /// One more thread at work, for waits that were not announced. False at the maximum.
+  bool addThread();
+
+  /// Wakes resting threads to end. The owner makes `work` return false.
+  void requestStop();
+  /// True when no thread is left; waits for that until `timeout` has passed.
+  bool waitUntilEmpty(std::chrono::milliseconds timeout);
+
+  std::size_t threads() const { return total_.load(std::memory_order_relaxed); }
+  std::size_t maximum() const { return limits_.maximum; }
+
+ private:
+  class Observer;
+  static void* threadEntry(void* pool);
+  void run();
+  bool spawn();
+  void replaceIfNeeded();
+  /// False when the thread is to end.
+  bool restIfSurplus();
+
+  const Limits limits_;
+  const std::function<bool()> work_;
+
+  std::atomic<std::size_t> total_{0};
+  std::atomic<std::size_t> active_{0};  ///< neither waiting nor resting
+  std::atomic<bool> stopping_{false};
+
+  std::mutex mutex_;
+  std::condition_variable wake_;   ///< one resting thread
+  std::condition_variable empty_;  ///< the last thread ended
+  std::size_t resting_ = 0;
+  std::size_t wake_ups_ = 0;  ///< resting threads that are to go on
+};
+
+}  // namespace tavrel::api

@@ -1,0 +1,123 @@
+#include "api/httplib_bridge.h"
+
+#include <exception>
+#include <string_view>
+#include <utility>
+
+#include "platform/console.h"
+
+namespace tavrel::api {
+namespace {
+
+thread_local Exchange* current_exchange = nullptr;
+
+/// Gives the library the connection's buffers in place of a socket.
+class BufferedStream final : public httplib::Stream {
+ public:
+  explicit BufferedStream(Connection& connection) : connection_(connection) {}
+
+  bool is_readable() const override { return true; }
+  bool is_writable() const override { return true; }
+  ssize_t read(char* to, size_t size) override { return connection_.read(to, size); }
+  ssize_t write(const char* from, size_t size) override {
+    return connection_.write({from, size}) ? static_cast<ssize_t>(size) : -1;
+  }
+  void get_remote_ip_and_port(std::string& ip, int&) const override {
+    ip = connection_.remoteAddress();
+  }
+  void get_local_ip_and_port(std::string&, int&) const override {}
+  /// The library refuses descriptors beyond what select() can take; it never uses this one.
+  socket_t socket() const override { return 0; }
+
+ private:
+  Connection& connection_;
+};
+
+void onlyReuseAddress(socket_t socket) {
+  // Not SO_REUSEPORT: a second server on the same port must fail to start.
+  const int on = 1;
+  ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+}
+
+/// Takes out of the parsed head what the library would act on by itself.
+void prepare(Exchange& exchange, httplib::Request& request) {
+  exchange.head_parsed = true;
+  // Routes are found by the server's own table: the library matches "/", at no cost.
+  exchange.path = std::move(request.path);
+  request.path = "/";
+  // JSON is answered whole and as it is: no ranges of it, and no compression at the highest level.
+  request.ranges.clear();
+  request.headers.erase("Accept-Encoding");
+  // Bodies arrive as they were sent: the library would take forms apart.
+  const auto type = request.headers.find("Content-Type");
+  if (type != request.headers.end()) {
+    exchange.content_type = std::move(type->second);
+    type->second = "application/octet-stream";
+  }
+}
+
+}  // namespace
+
+HttplibBridge::HttplibBridge(Dispatch dispatch) : dispatch_(std::move(dispatch)) {
+  set_socket_options(onlyReuseAddress);
+  set_exception_handler(
+      [](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
+        std::string reason = "unknown exception";
+        try {
+          std::rethrow_exception(std::move(error));
+        } catch (const std::exception& known) {
+          reason = known.what();
+        } catch (...) {
+        }
+        platform::printError("[Controller] " + request.method + ' ' + current_exchange->path +
+                             " failed: " + reason);
+        response.headers.clear();
+        response.body.clear();
+        response.status = 500;
+      });
+  set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+    const std::string& method = request.method;
+    if (method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE") {
+      return HandlerResponse::Unhandled;  // continues below, with the body
+    }
+    dispatch_(*current_exchange, request, nullptr, response);
+    return HandlerResponse::Handled;
+  });
+  const auto with_body = [this](const httplib::Request& request, httplib::Response& response,
+                                const httplib::ContentReader& body) {
+    dispatch_(*current_exchange, request, &body, response);
+  };
+  Post("/", with_body);
+  Put("/", with_body);
+  Patch("/", with_body);
+  Delete("/", with_body);
+}
+
+int HttplibBridge::bind(const std::string& host, int port, int& socket) {
+  const int bound = port == 0 ? bind_to_any_port(host) : (bind_to_port(host, port) ? port : -1);
+  socket = svr_sock_;
+  return bound;
+}
+
+void HttplibBridge::announceIdleTimeout(std::chrono::seconds timeout) {
+  set_keep_alive_timeout(timeout.count());
+  set_keep_alive_max_count(1'000'000);
+}
+
+bool HttplibBridge::serve(Connection& connection) {
+  Exchange exchange;
+  exchange.connection = &connection;
+  current_exchange = &exchange;
+  BufferedStream stream(connection);
+  bool asked_to_close = false;
+  const bool answered =
+      process_request(stream, /*close_connection=*/false, asked_to_close,
+                      [&](httplib::Request& request) { prepare(exchange, request); });
+  current_exchange = nullptr;
+  const bool sent = connection.flush();
+  connection.skipArrivedBody();
+  return answered && sent && exchange.head_parsed && exchange.keep_connection && !asked_to_close &&
+         connection.requestConsumed();
+}
+
+}  // namespace tavrel::api

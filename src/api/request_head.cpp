@@ -1,0 +1,108 @@
+#include "api/request_head.h"
+
+#include <strings.h>
+
+#include <algorithm>
+#include <charconv>
+#include <optional>
+
+namespace tavrel::api {
+namespace {
+
+constexpr std::string_view kLineEnd = "\r\n";
+constexpr std::string_view kHeadEnd = "\r\n\r\n";
+/// The longest request line the HTTP library takes; it answers 414 beyond.
+constexpr std::size_t kMaxMethodBytes = 16;
+
+RequestHead refuse(int status) {
+  RequestHead head;
+  head.state = RequestHead::State::kRefused;
+  head.refusal = status;
+  return head;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
+}
+
+std::string_view trimmed(std::string_view text) {
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+  return text;
+}
+
+std::optional<std::uint64_t> decimal(std::string_view text) {
+  std::uint64_t value = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+  if (error != std::errc() || end != text.data() + text.size() || text.empty()) return {};
+  return value;
+}
+
+/// True when the bytes so far could be the start of "METHOD /target".
+bool looksLikeRequest(std::string_view input) {
+  const std::size_t length = std::min(input.size(), kMaxMethodBytes);
+  for (std::size_t i = 0; i < length; ++i) {
+    if (input[i] == ' ') return i > 0;
+    if (input[i] < 'A' || input[i] > 'Z') return false;
+  }
+  return length < kMaxMethodBytes;
+}
+
+/// Reads one field; 0, or the status to refuse the request with.
+int readField(std::string_view line, RequestHead& head, bool& has_length) {
+  const std::size_t colon = line.find(':');
+  // A blank before the colon, or a folded line, is read differently by different programs.
+  if (colon == std::string_view::npos || colon == 0 || line.front() == ' ' ||
+      line.front() == '\t' || line[colon - 1] == ' ' || line[colon - 1] == '\t') {
+    return 400;
+  }
+  const std::string_view name = line.substr(0, colon);
+  const std::string_view value = trimmed(line.substr(colon + 1));
+  if (equalsIgnoringCase(name, "Content-Length")) {
+    const auto length = decimal(value);
+    if (!length || has_length) return 400;
+    has_length = true;
+    head.content_length = *length;
+  } else if (equalsIgnoringCase(name, "Transfer-Encoding")) {
+    if (!equalsIgnoringCase(value, "chunked") || head.chunked) return 501;
+    head.chunked = true;
+  }
+  return 0;
+}
+
+}  // namespace
+
+RequestHead scanRequestHead(std::string_view input, const HeadLimits& limits,
+                            std::size_t& searched) {
+  if (!looksLikeRequest(input)) return refuse(400);
+  const std::size_t from = searched < kHeadEnd.size() ? 0 : searched - (kHeadEnd.size() - 1);
+  const std::size_t end = input.find(kHeadEnd, from);
+  searched = input.size();
+  if (end == std::string_view::npos) {
+    return input.size() > limits.max_bytes ? refuse(431) : RequestHead{};
+  }
+  if (end + kHeadEnd.size() > limits.max_bytes) return refuse(431);
+
+  RequestHead head;
+  head.size = end + kHeadEnd.size();
+  bool has_length = false;
+  std::size_t fields = 0;
+  // The terminator's first line end belongs to the last field (or to the request line).
+  std::string_view lines = input.substr(0, end + kLineEnd.size());
+  lines.remove_prefix(lines.find(kLineEnd) + kLineEnd.size());
+  while (!lines.empty()) {
+    const std::size_t line_end = lines.find(kLineEnd);
+    if (++fields > limits.max_fields) return refuse(431);
+    if (const int status = readField(lines.substr(0, line_end), head, has_length); status != 0) {
+      return refuse(status);
+    }
+    lines.remove_prefix(line_end + kLineEnd.size());
+  }
+  if (head.chunked && has_length) return refuse(400);
+  if (head.content_length > limits.max_body_bytes) return refuse(413);
+  head.state = RequestHead::State::kComplete;
+  return head;
+}
+
+}  // namespace tavrel::api

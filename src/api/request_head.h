@@ -1,0 +1,39 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace tavrel::api {
+
+/// What the engine must know of a request's head before a thread is spent on it: where it ends and
+/// how its body is framed. The HTTP library reads the rest.
+struct RequestHead {
+  enum class State {
+    kIncomplete,  ///< more bytes are needed
+    kComplete,
+    kRefused,  ///< not to be served; `refusal` is the status to answer before closing
+  };
+  State state = State::kIncomplete;
+  int refusal = 0;
+  std::size_t size = 0;              ///< bytes of the head, the blank line included
+  std::uint64_t content_length = 0;  ///< 0 when there is none
+  bool chunked = false;
+};
+
+struct HeadLimits {
+  std::size_t max_bytes;
+  std::size_t max_fields;
+  std::uint64_t max_body_bytes;
+};
+
+/// Looks for a whole head at the start of `input`. `searched` is how much of it an earlier call has
+/// looked at without finding the end; it is brought up to date.
+///
+/// Refused are: a head over the limits (431), a body over its limit (413), what does not begin like
+/// a request (400), and framings that two readers could take differently (400): several lengths, a
+/// length beside a transfer coding, an unknown coding (501).
+RequestHead scanRequestHead(std::string_view input, const HeadLimits& limits,
+                            std::size_t& searched);
+
+}  // namespace tavrel::api
