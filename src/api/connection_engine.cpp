@@ -3,7 +3,6 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/tcp.h>
-#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -12,20 +11,20 @@
 #include <array>
 #include <cerrno>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 #include "platform/console.h"
-#include "platform/periodic_task.h"
 
 namespace tavrel::api {
 namespace {
 
 constexpr int kListenBacklog = 4096;
-/// How often housekeeping looks for expired connections and for a pool that is stuck.
+/// How often housekeeping looks for threads that are stuck.
 constexpr std::chrono::milliseconds kHousekeepingPeriod{50};
-/// Connections are looked through for expired ones once in so many periods.
-constexpr int kExpiryPeriods = 10;
+/// Connections are looked through for expired ones once in so many passes.
+constexpr int kExpiryPasses = 10;
 /// Threads that streams leave to everything else.
 constexpr std::size_t kThreadsKeptFromStreams = 64;
 
@@ -80,7 +79,9 @@ ConnectionEngine::ConnectionEngine(const Settings& settings, Serve serve)
       serve_(std::move(serve)),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
-      pool_(settings.pool, [this] { return workOnce(); }) {}
+      pool_(settings.pool, [this] { return workOnce(); }),
+      housekeeper_("http-house", kHousekeepingPeriod, kHousekeepingPeriod,
+                   [this](const std::stop_token&) { keepHouse(); }) {}
 
 ConnectionEngine::~ConnectionEngine() {
   stop(std::chrono::milliseconds(0), nullptr);
@@ -106,7 +107,7 @@ bool ConnectionEngine::start(int listening_socket) {
     return false;
   }
   pool_.start();
-  housekeeper_ = std::jthread([this](const std::stop_token& stop) { keepHouse(stop); });
+  housekeeper_.start();
   return true;
 }
 
@@ -115,7 +116,7 @@ bool ConnectionEngine::workOnce() {
   const int count = ::epoll_wait(epoll_, &event, 1, -1);
   if (stopping()) return false;
   if (count <= 0) return true;
-  events_handled_.fetch_add(1, std::memory_order_relaxed);
+  pool_.beginWork();
   if (event.data.ptr == this) {
     accept();
   } else if (event.data.ptr != nullptr) {
@@ -228,23 +229,12 @@ bool ConnectionEngine::openStream() {
   return false;
 }
 
-void ConnectionEngine::keepHouse(const std::stop_token& stop) {
-  platform::nameThisThread("http-house");
-  std::uint64_t handled_before = 0;
-  int periods = 0;
-  while (!stop.stop_requested()) {
-    pollfd waiting{epoll_, POLLIN, 0};
-    std::this_thread::sleep_for(kHousekeepingPeriod);
-    const std::uint64_t handled = events_handled_.load(std::memory_order_relaxed);
-    // Events wait and none was taken for a whole period: every thread is held by something that did
-    // not announce its wait.
-    if (handled == handled_before && ::poll(&waiting, 1, 0) > 0) pool_.addThread();
-    handled_before = handled;
-    if (++periods % kExpiryPeriods != 0) continue;
-    const std::int64_t now = nanoseconds(platform::steadyNow());
-    const platform::MutexLock lock(mutex_);
-    for (const auto& [connection, owner] : connections_) connection->expireIfDue(now);
-  }
+void ConnectionEngine::keepHouse() {
+  pool_.tick();
+  if (++housekeeping_passes_ % kExpiryPasses != 0) return;
+  const std::int64_t now = nanoseconds(platform::steadyNow());
+  const platform::MutexLock lock(mutex_);
+  for (const auto& [connection, owner] : connections_) connection->expireIfDue(now);
 }
 
 void ConnectionEngine::interruptAll(bool all) {
@@ -259,10 +249,7 @@ void ConnectionEngine::stop(std::chrono::milliseconds grace,
   const std::uint64_t one = 1;
   [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
   pool_.requestStop();
-  if (housekeeper_.joinable()) {
-    housekeeper_.request_stop();
-    housekeeper_.join();
-  }
+  housekeeper_.stop();
   interruptAll(/*all=*/false);
   if (!pool_.waitUntilEmpty(grace)) {
     interruptAll(/*all=*/true);

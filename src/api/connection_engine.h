@@ -5,12 +5,12 @@
 #include <cstddef>
 #include <functional>
 #include <memory>
-#include <thread>
 #include <unordered_map>
 
 #include "api/connection.h"
 #include "api/elastic_pool.h"
 #include "platform/mutex.h"
+#include "platform/periodic_task.h"
 
 namespace tavrel::api {
 
@@ -71,7 +71,7 @@ class ConnectionEngine {
   void refuse(Connection& connection, int status);
   bool park(Connection& connection, std::chrono::milliseconds timeout);
   void close(Connection& connection);
-  void keepHouse(const std::stop_token& stop);
+  void keepHouse();
   void interruptAll(bool all);
 
   const Settings settings_;
@@ -82,13 +82,13 @@ class ConnectionEngine {
 
   std::atomic<bool> stopping_{false};
   std::atomic<std::size_t> streams_{0};
-  std::atomic<std::uint64_t> events_handled_{0};
 
   platform::Mutex mutex_;
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ TV_GUARDED_BY(mutex_);
 
   ElasticPool pool_;
-  std::jthread housekeeper_;
+  int housekeeping_passes_ = 0;
+  platform::PeriodicTask housekeeper_;
 };
 
 }  // namespace tavrel::api

@@ -8,22 +8,49 @@
 
 namespace tavrel::api {
 
-/// Counts its thread out while that waits for somebody else.
-class ElasticPool::Observer final : public platform::BlockingObserver {
+/// One thread of the pool. It counts as active unless it waits, rests or seems stuck.
+class ElasticPool::Member final : public platform::BlockingObserver {
  public:
-  explicit Observer(ElasticPool& pool) : pool_(pool) { ofThisThread() = this; }
-  ~Observer() override { ofThisThread() = nullptr; }
-  Observer(const Observer&) = delete;
-  Observer& operator=(const Observer&) = delete;
+  explicit Member(ElasticPool& pool) : pool_(pool) {
+    ofThisThread() = this;
+    const std::lock_guard lock(pool_.mutex_);
+    pool_.members_.insert(this);
+  }
+  ~Member() override {
+    ofThisThread() = nullptr;
+    const std::lock_guard lock(pool_.mutex_);
+    pool_.members_.erase(this);
+  }
+  Member(const Member&) = delete;
+  Member& operator=(const Member&) = delete;
 
   void enterBlocking() override {
-    pool_.active_.fetch_sub(1, std::memory_order_relaxed);
+    countOut();
     pool_.replaceIfNeeded();
   }
-  void leaveBlocking() override { pool_.active_.fetch_add(1, std::memory_order_relaxed); }
+  void leaveBlocking() override { countIn(); }
+
+  void beginWork() { busy_since_.store(pool_.ticks_.load(std::memory_order_relaxed)); }
+  void endWork() {
+    busy_since_.store(0);
+    countIn();  // had it seemed stuck, it is not
+  }
+  bool stuck(std::uint32_t now) const {
+    const std::uint32_t since = busy_since_.load();
+    return since != 0 && now - since >= 2;
+  }
+
+  void countOut() {
+    if (counted_.exchange(false)) pool_.active_.fetch_sub(1);
+  }
+  void countIn() {
+    if (!counted_.exchange(true)) pool_.active_.fetch_add(1);
+  }
 
  private:
   ElasticPool& pool_;
+  std::atomic<bool> counted_{true};           // whoever started the thread counted it
+  std::atomic<std::uint32_t> busy_since_{0};  // a tick; 0 while it has no work
 };
 
 ElasticPool::ElasticPool(Limits limits, std::function<bool()> work)
@@ -82,8 +109,9 @@ void* ElasticPool::threadEntry(void* pool) {
 void ElasticPool::run() {
   platform::nameThisThread("http");
   {
-    const Observer observer(*this);
+    Member member(*this);
     while (!stopping_.load(std::memory_order_relaxed) && work_()) {
+      member.endWork();
       if (!restIfSurplus()) break;
     }
   }
@@ -93,7 +121,23 @@ void ElasticPool::run() {
 }
 
 void ElasticPool::replaceIfNeeded() {
-  if (active_.load(std::memory_order_relaxed) < limits_.minimum && !stopping_.load()) addThread();
+  if (active_.load(std::memory_order_relaxed) < limits_.minimum) addThread();
+}
+
+void ElasticPool::beginWork() {
+  static_cast<Member*>(platform::BlockingObserver::ofThisThread())->beginWork();
+}
+
+void ElasticPool::tick() {
+  const std::uint32_t now = ticks_.fetch_add(1) + 1;
+  {
+    const std::lock_guard lock(mutex_);
+    for (Member* member : members_) {
+      if (member->stuck(now)) member->countOut();
+    }
+  }
+  while (active_.load() < limits_.minimum && addThread()) {
+  }
 }
 
 bool ElasticPool::restIfSurplus() {

@@ -4,9 +4,10 @@
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <mutex>
-#include <vector>
+#include <set>
 
 #include "platform/blocking.h"
 
@@ -32,7 +33,7 @@ class ElasticPool {
     std::size_t stack_bytes = std::size_t{1} << 20;
   };
 
-  /// `work` runs one piece of work, waiting for it if there is none; it returns false to end the
+  /// `work` waits for one piece of work, calls beginWork and does it; it returns false to end the
   /// thread (the pool is being stopped).
   ElasticPool(Limits limits, std::function<bool()> work);
   ~ElasticPool();
@@ -41,8 +42,12 @@ class ElasticPool {
 
   void start();
 
-  /// One more thread at work, for waits that were not announced. False at the maximum.
-  bool addThread();
+  /// The calling thread has got a piece of work.
+  void beginWork();
+
+  /// To be called regularly: a thread that has been at the same piece of work since the last call
+  /// but one counts as waiting from now on.
+  void tick();
 
   /// Wakes resting threads to end. The owner makes `work` return false.
   void requestStop();
@@ -53,9 +58,10 @@ class ElasticPool {
   std::size_t maximum() const { return limits_.maximum; }
 
  private:
-  class Observer;
+  class Member;
   static void* threadEntry(void* pool);
   void run();
+  bool addThread();
   bool spawn();
   void replaceIfNeeded();
   /// False when the thread is to end.
@@ -66,11 +72,13 @@ class ElasticPool {
 
   std::atomic<std::size_t> total_{0};
   std::atomic<std::size_t> active_{0};  ///< neither waiting nor resting
+  std::atomic<std::uint32_t> ticks_{1};
   std::atomic<bool> stopping_{false};
 
   std::mutex mutex_;
   std::condition_variable wake_;   ///< one resting thread
   std::condition_variable empty_;  ///< the last thread ended
+  std::set<Member*> members_;
   std::size_t resting_ = 0;
   std::size_t wake_ups_ = 0;  ///< resting threads that are to go on
 };

@@ -14,6 +14,9 @@
 namespace tavrel::api {
 namespace {
 
+/// So much of a body that no route wants is read, to keep the connection; more closes it.
+constexpr std::size_t kMaxUnwantedBody = std::size_t{64} << 10;
+
 /// Headers that the HTTP library adds to every request.
 bool isLibraryHeader(const std::string& name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
@@ -99,7 +102,8 @@ struct HttpServer::Impl {
   void dispatch(Exchange& exchange, const httplib::Request& from,
                 const HttplibBridge::BodyReader* body, httplib::Response& to);
   int readBody(Exchange& exchange, const httplib::Request& from,
-               const HttplibBridge::BodyReader& reader, std::string& body) const;
+               const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
+               std::string& body) const;
   void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange,
                   httplib::Response& to);
   void startStream(StreamBody body, const std::string& content_type, Exchange& exchange,
@@ -148,6 +152,10 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
       answerPreflight(to);
     } else {
       to.status = 404;
+      std::string unwanted;
+      if (body != nullptr && readBody(exchange, from, *body, kMaxUnwantedBody, unwanted) != 0) {
+        to.set_header("Connection", "close");
+      }
     }
     return;
   }
@@ -160,7 +168,7 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
   Request request = buildRequest(exchange, from);
   request.path_params = std::move(params);
   if (body != nullptr) {
-    const int failure = readBody(exchange, from, *body, request.body);
+    const int failure = readBody(exchange, from, *body, config.max_body_bytes, request.body);
     if (failure != 0) {
       to.status = failure;
       to.set_header("Connection", "close");
@@ -172,11 +180,12 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
 
 /// Reads the body; 0, or the status that says why that failed.
 int HttpServer::Impl::readBody(Exchange& exchange, const httplib::Request& from,
-                               const HttplibBridge::BodyReader& reader, std::string& body) const {
+                               const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
+                               std::string& body) const {
   bool too_large = false;
   const bool complete = reader([&](const char* bytes, std::size_t size) {
     // Also counts what a compressed body unfolds to.
-    too_large = body.size() + size > config.max_body_bytes;
+    too_large = body.size() + size > max_bytes;
     if (!too_large) body.append(bytes, size);
     return !too_large;
   });
