@@ -40,7 +40,9 @@ class HttpResponseParser {
   State finish();
 
   State state() const { return state_; }
-  /// Valid from kBody on.
+  /// True once the final head is complete, also when the body turned out malformed afterwards.
+  bool hasHead() const;
+  /// Valid when hasHead.
   const HttpResponseHead& head() const { return head_; }
   HttpResponseHead takeHead() { return std::move(head_); }
   /// True when complete, framed by length or chunks, and the peer keeps the connection open.

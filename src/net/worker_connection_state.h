@@ -1,0 +1,41 @@
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "net/http_response_parser.h"
+#include "net/socket_wait.h"
+#include "net/worker_connection.h"
+
+namespace tavrel::net {
+
+struct SocketAddress;
+
+/// The inside of a WorkerConnection, seen by it and by the pool. Owns the socket. Holds no buffer
+/// between calls: ten thousand connections that wait cost little memory.
+struct WorkerConnection::State {
+  explicit State(int watched_client) : client(watched_client) {}
+  ~State();
+  State(const State&) = delete;
+  State& operator=(const State&) = delete;
+
+  void closeSocket();
+  void beginExchange();
+  WorkerIo connectTo(const SocketAddress& address, platform::SteadyTime deadline);
+  WorkerIo receive(std::string& body, platform::SteadyTime deadline);
+  WorkerIo readMore(std::string& body, platform::SteadyTime deadline);
+
+  bool reusable() const;
+  /// The worker has neither closed nor said anything unasked. Does not block.
+  bool openAndSilent() const;
+
+  int socket = -1;
+  int client;
+  HttpResponseParser parser;
+  std::string decoded;               // body that came together with the head, not handed out yet
+  WorkerIo failure = WorkerIo::kOk;  // the one that ended the reading
+  bool request_sent = false;         // to its last byte
+  bool answer_begun = false;
+};
+
+}  // namespace tavrel::net
