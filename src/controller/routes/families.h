@@ -1,0 +1,44 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+namespace tavrel::api {
+class RouteBook;
+}
+namespace tavrel::cluster {
+class RouterRegistry;
+}
+namespace tavrel::events {
+class EventStreamService;
+}
+namespace tavrel::metrics {
+class MetricsHistory;
+}
+namespace tavrel::worker {
+class TypedWorkerRegistries;
+class WorkerRegistry;
+}  // namespace tavrel::worker
+
+namespace tavrel::controller {
+struct ControllerIdentity;
+}
+
+// The contents page of the API: one function for every family of routes. What they get must outlive
+// the server.
+namespace tavrel::controller {
+
+void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
+                     const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
+                     const worker::TypedWorkerRegistries& typed);
+/// `refresh_node` is told the id of every cluster node that reports itself; it may be empty.
+void addWorkerRoutes(api::RouteBook& book, worker::WorkerRegistry& workers,
+                     cluster::RouterRegistry& routers, events::EventStreamService& events,
+                     metrics::MetricsHistory& history,
+                     std::function<void(const std::string& node_id)> refresh_node);
+void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
+void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
+                          const worker::WorkerRegistry& workers,
+                          events::EventStreamService& events);
+
+}  // namespace tavrel::controller
