@@ -1,0 +1,48 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything and runs the tests.
+# Usage: scripts/test.sh [--asan] [--tsan] [--fuzz-seconds N]
+#   --asan, --tsan      also the same tests built with sanitizers
+#   --fuzz-seconds N    also every fuzz target for N seconds
+set -euo pipefail
+cd "$(dirname "${BASH_SOURCE[0]}")/.."
+
+presets=(release)
+fuzz_seconds=0
+while (($# > 0)); do
+  case $1 in
+    --asan) presets+=(asan) ;;
+    --tsan) presets+=(tsan) ;;
+    --fuzz-seconds)
+      fuzz_seconds=${2:-}
+      [[ $fuzz_seconds =~ ^[0-9]+$ ]] || { echo "--fuzz-seconds needs a number" >&2; exit 2; }
+      shift
+      ;;
+    *) sed -n '2,5s/^# //p' "$0" >&2; exit 2 ;;
+  esac
+  shift
+done
+
+scripts/install-deps.sh --test
+if [[ -f tests/openai_client/package.json && ! -d tests/openai_client/node_modules ]]; then
+  echo "Installing the OpenAI client for the compatibility tests…"
+  npm ci --prefix tests/openai_client --no-audit --no-fund --silent
+fi
+
+for preset in "${presets[@]}"; do
+  echo "Building $preset…"
+  cmake --preset "$preset" >/dev/null
+  cmake --build --preset "$preset" -- --quiet
+done
+
+if ((fuzz_seconds > 0)) && [[ -d fuzz ]]; then
+  echo "Building fuzz…"
+  cmake --preset fuzz >/dev/null
+  cmake --build --preset fuzz -- --quiet
+  scripts/fuzz.sh "$fuzz_seconds"
+fi
+
+# The tests come last, so that the summary ends the output.
+for preset in "${presets[@]}"; do
+  echo "Testing $preset…"
+  ctest --preset "$preset" -j 2
+done
