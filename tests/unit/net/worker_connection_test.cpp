@@ -257,14 +257,17 @@ class EarlyRefusal : public testing::TestWithParam<WorkerIo> {};
 
 TEST_P(EarlyRefusal, CanBeReadAfterTheSendingFailed) {
   const bool stalls = GetParam() == WorkerIo::kTimedOut;
+  Gate connected;
   Gate never;
   MockPeer peer([&](MockConnection& connection) {
+    connection.waitFor(connected);
     connection.send(test::httpAnswer(413, "too much"));
     stalls ? connection.ignoreUntil(never) : connection.reset();
   });
   WorkerConnection connection(-1);
   ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
   const std::string much(std::size_t{64} << 20, 'x');
+  connected.open();
   EXPECT_EQ(connection.send(much, stalls ? milliseconds(30) : kLong), GetParam());
   HttpResponseHead head;
   std::string body;
