@@ -8,17 +8,18 @@ build_packages=(g++ cmake ninja-build pkg-config ccache lld libcpp-httplib-dev n
   libcurl4-openssl-dev libsqlite3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev)
 run_packages=(curl)
 test_packages=(curl ca-certificates git clang clang-tidy clang-format libclang-rt-14-dev)
-bench_packages=(curl nginx haproxy wrk)
+bench_packages=(curl python3 nginx haproxy wrk)
 # Wanted for one program each, which may also have come from elsewhere: program, package.
 test_programs=(node nodejs npm npm promtool prometheus)
+bench_programs=(node nodejs npm npm)
 
 wanted=("${build_packages[@]}")
 programs=()
 for option in "$@"; do
   case $option in
     --run) wanted+=("${run_packages[@]}") ;;
-    --test) wanted+=("${test_packages[@]}"); programs=("${test_programs[@]}") ;;
-    --bench) wanted+=("${bench_packages[@]}") ;;
+    --test) wanted+=("${test_packages[@]}"); programs+=("${test_programs[@]}") ;;
+    --bench) wanted+=("${bench_packages[@]}"); programs+=("${bench_programs[@]}") ;;
     *) echo "Usage: $0 [--run] [--test] [--bench]" >&2; exit 2 ;;
   esac
 done

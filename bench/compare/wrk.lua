@@ -10,10 +10,10 @@ for name, value in (os.getenv("BENCH_HEADERS") or ""):gmatch("([^:\n]+): ([^\n]+
   wrk.headers[name] = value
 end
 
-function done(summary, latency)
+function done(summary)
   local e = summary.errors
   io.write(string.format(
-    '\nBENCH {"requests": %d, "seconds": %f, "bad_status": %d, "broken": %d, "p99_ms": %f}\n',
+    '\nBENCH {"requests": %d, "seconds": %f, "bad_status": %d, "broken": %d}\n',
     summary.requests, summary.duration / 1e6, e.status,
-    e.connect + e.read + e.write + e.timeout, latency:percentile(99) / 1e3))
+    e.connect + e.read + e.write + e.timeout))
 end
