@@ -124,9 +124,10 @@ api::Response slow(ClientWatch watch, api::Response answer) {
     return answer;
   }
   const std::string bytes = rawHead(answer) + answer.body;
-  for (const char byte : bytes) {
-    if (!sendRaw(watch.descriptor(), {&byte, 1})) break;
-    if (!watch.waitUntil(platform::steadyNow() + kSlowPause)) break;
+  platform::SteadyTime due = platform::steadyNow();
+  for (const char& byte : bytes) {
+    if (!watch.waitUntil(due) || !sendRaw(watch.descriptor(), {&byte, 1})) break;
+    due = platform::steadyNow() + kSlowPause;
   }
   hangUp(watch.descriptor());
   return answer;

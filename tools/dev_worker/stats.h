@@ -42,7 +42,7 @@ class Stats {
 
   /// "requests", "in_progress", "streams", "tokens", "faults", "avg_latency_ms", "client_gone" and
   /// "client_gone_at_ns": when the last kKeptDepartures hang-ups were noticed, in nanoseconds of
-  /// the monotonic clock all processes of a machine share.
+  /// the monotonic clock all processes of a machine share. A stream the worker cut itself counts.
   nlohmann::json toJson() const TV_EXCLUDES(mu_);
 
   static constexpr std::size_t kKeptDepartures = 4096;
