@@ -5,9 +5,9 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/pidfd.h>
 #include <sys/prctl.h>
 #include <sys/socket.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -132,7 +132,8 @@ void Process::spawn(const std::string& program, const std::vector<std::string>& 
   output_.descriptor = output[0];
   error_.descriptor = error[0];
   if (pid_ < 0) fail("fork");
-  pid_descriptor_ = ::pidfd_open(pid_, 0);
+  // The C library's own declaration of this call is missing its C linkage in some versions.
+  pid_descriptor_ = static_cast<int>(::syscall(SYS_pidfd_open, pid_, 0));
   if (pid_descriptor_ < 0) fail("pidfd_open");
 }
 
