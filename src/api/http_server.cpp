@@ -91,6 +91,7 @@ struct HttpServer::Impl {
   ServerConfig config;
   RouteTable table;
   std::vector<Middleware> middlewares;
+  StreamGuard stream_guard;
   std::function<void()> on_grace_over;
   std::atomic<bool> running{false};
   std::atomic<std::int32_t> port{0};
@@ -106,6 +107,7 @@ struct HttpServer::Impl {
                std::string& body) const;
   void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange,
                   httplib::Response& to);
+  void answer(Response response, const Context& context, Exchange& exchange, httplib::Response& to);
   void startStream(StreamBody body, const std::string& content_type, Exchange& exchange,
                    httplib::Response& to);
   std::string allowedOrigin() const {
@@ -202,6 +204,11 @@ int HttpServer::Impl::readBody(Exchange& exchange, const httplib::Request& from,
 void HttpServer::Impl::serveRoute(const Route& route, Context& context, const Request& request,
                                   Exchange& exchange, httplib::Response& to) {
   if (route.stream_handler) {
+    if (stream_guard) {
+      if (std::optional<Response> refusal = stream_guard(context, request)) {
+        return answer(std::move(*refusal), context, exchange, to);
+      }
+    }
     to.set_header("Cache-Control", "no-cache");
     to.set_header("Connection", "keep-alive");
     if (config.cors_enabled) to.set_header("Access-Control-Allow-Origin", allowedOrigin());
@@ -216,7 +223,11 @@ void HttpServer::Impl::serveRoute(const Route& route, Context& context, const Re
     return;
   }
 
-  Response response = Chain{middlewares, route}.run(0, context, request);
+  answer(Chain{middlewares, route}.run(0, context, request), context, exchange, to);
+}
+
+void HttpServer::Impl::answer(Response response, const Context& context, Exchange& exchange,
+                              httplib::Response& to) {
   to.status = response.status;
   for (const auto& [name, value] : response.headers) {
     if (isHeaderName(name) && isHeaderValue(value)) to.set_header(name, value);
@@ -269,6 +280,9 @@ void HttpServer::configure(const ServerConfig& config) {
 }
 void HttpServer::use(Middleware middleware) {
   impl_->middlewares.push_back(std::move(middleware));
+}
+void HttpServer::guardStreams(StreamGuard guard) {
+  impl_->stream_guard = std::move(guard);
 }
 void HttpServer::onGraceOver(std::function<void()> action) {
   impl_->on_grace_over = std::move(action);

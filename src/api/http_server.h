@@ -52,6 +52,10 @@ class HttpServer {
   /// route, whenever that was registered.
   void use(Middleware middleware);
 
+  /// Sets what is asked before each streaming route, which no middleware runs around. Without a
+  /// guard all pass.
+  void guardStreams(StreamGuard guard);
+
   void get(const std::string& pattern, Handler handler, std::vector<Middleware> middlewares = {});
   void post(const std::string& pattern, Handler handler, std::vector<Middleware> middlewares = {});
   void put(const std::string& pattern, Handler handler, std::vector<Middleware> middlewares = {});

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,6 +16,9 @@ using Handler = std::function<Response(Context&, const Request&)>;
 using Middleware = std::function<Response(Context&, const Request&, const Handler& next)>;
 /// Serves a streaming route. No middleware runs around it, and the answer is always 200.
 using StreamHandler = std::function<void(Context&, const Request&, StreamWriter&)>;
+
+/// Asked before a streaming route begins: an answer refuses the request, nothing lets it pass.
+using StreamGuard = std::function<std::optional<Response>(Context&, const Request&)>;
 
 /// One route: exactly one of `handler` and `stream_handler` is set.
 struct Route {

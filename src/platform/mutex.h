@@ -3,6 +3,7 @@
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
+#include <shared_mutex>
 
 #include "platform/thread_annotations.h"
 
@@ -32,6 +33,49 @@ class TV_SCOPED_CAPABILITY MutexLock {
 
  private:
   Mutex& mutex_;
+};
+
+/// A std::shared_mutex that clang's thread-safety analysis understands: for tables that are read by
+/// every request and seldom changed.
+class TV_CAPABILITY("mutex") SharedMutex {
+ public:
+  SharedMutex() = default;
+  SharedMutex(const SharedMutex&) = delete;
+  SharedMutex& operator=(const SharedMutex&) = delete;
+
+  void lock() TV_ACQUIRE() { mutex_.lock(); }
+  void unlock() TV_RELEASE() { mutex_.unlock(); }
+  void lockShared() TV_ACQUIRE_SHARED() { mutex_.lock_shared(); }
+  void unlockShared() TV_RELEASE_SHARED() { mutex_.unlock_shared(); }
+
+ private:
+  std::shared_mutex mutex_;
+};
+
+/// Holds a SharedMutex for reading for the length of a scope.
+class TV_SCOPED_CAPABILITY ReaderLock {
+ public:
+  explicit ReaderLock(SharedMutex& mutex) TV_ACQUIRE_SHARED(mutex) : mutex_(mutex) {
+    mutex_.lockShared();
+  }
+  ~ReaderLock() TV_RELEASE() { mutex_.unlockShared(); }
+  ReaderLock(const ReaderLock&) = delete;
+  ReaderLock& operator=(const ReaderLock&) = delete;
+
+ private:
+  SharedMutex& mutex_;
+};
+
+/// Holds a SharedMutex for writing for the length of a scope.
+class TV_SCOPED_CAPABILITY WriterLock {
+ public:
+  explicit WriterLock(SharedMutex& mutex) TV_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  ~WriterLock() TV_RELEASE() { mutex_.unlock(); }
+  WriterLock(const WriterLock&) = delete;
+  WriterLock& operator=(const WriterLock&) = delete;
+
+ private:
+  SharedMutex& mutex_;
 };
 
 /// A condition variable to be waited on while its Mutex is held (through a MutexLock).

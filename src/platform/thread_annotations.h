@@ -12,6 +12,8 @@
 #define TV_GUARDED_BY(mutex) TV_ATTRIBUTE(guarded_by(mutex))
 #define TV_REQUIRES(...) TV_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define TV_EXCLUDES(...) TV_ATTRIBUTE(locks_excluded(__VA_ARGS__))
+#define TV_ACQUIRE_SHARED(...) TV_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
+#define TV_RELEASE_SHARED(...) TV_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define TV_ACQUIRE(...) TV_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TV_RELEASE(...) TV_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TV_NO_ANALYSIS TV_ATTRIBUTE(no_thread_safety_analysis)
