@@ -1,0 +1,20 @@
+#include "controller/routes/families.h"
+#include "controller/services.h"
+
+namespace tavrel::controller {
+
+void addAllRoutes(api::RouteBook& book, Services& s) {
+  addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
+  addEventRoutes(book, s.events);
+  addMetricsRoutes(book, s.collector, s.history);
+  addWorkerRoutes(book, s.workers, s.routers, s.events, s.history, nullptr);
+  addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
+  addRouterRoutes(book, s.routers);
+  addModelListRoutes(book, s.models);
+  addChatRoutes(book, s.chat);
+  addOpenAiRoutes(book, s.openai);
+  addAiRoutes(book, s.self, s.ai_control, s.routers, s.workers);
+  addMoeRoutes(book, s.experts);
+}
+
+}  // namespace tavrel::controller

@@ -1,0 +1,54 @@
+#include "controller/services.h"
+
+#include "platform/host.h"
+#include "platform/random.h"
+
+namespace tavrel::controller {
+namespace {
+
+std::vector<inference::RemoteCatalogue> routersWithModels(const cluster::RouterRegistry& routers) {
+  std::vector<inference::RemoteCatalogue> remotes;
+  for (const cluster::RouterInfo& router : routers.all()) {
+    const std::string url = router.baseUrl();
+    if (router.status == cluster::NodeStatus::kHealthy && !url.empty()) {
+      remotes.push_back({url, "router"});
+    }
+  }
+  return remotes;
+}
+
+std::string scienceWorkerUrl(const worker::TypedWorkerRegistries& typed) {
+  const auto found = typed.of(worker::WorkerKind::kScience).firstOnline(platform::wallNow());
+  return found == nullptr ? "" : found->baseUrl();
+}
+
+inference::OpenAiSettings openAiSettings(const Options& options) {
+  inference::OpenAiSettings settings;
+  if (options.worker_stall_seconds > 0) {
+    settings.stall_timeout = std::chrono::seconds(options.worker_stall_seconds);
+  }
+  if (options.stream_comment_seconds > 0) {
+    settings.keep_alive = std::chrono::seconds(options.stream_comment_seconds);
+  }
+  return settings;
+}
+
+}  // namespace
+
+Services::Services(const Options& options)
+    : self{options.node_id.empty() ? platform::generateUUID() : options.node_id,
+           platform::getHostname()},
+      events(events::EventStreamService::instance()),
+      collector(metrics::MetricsCollector::getInstance()),
+      history(metrics::MetricsHistory::instance()),
+      worker_connections({}),
+      ai_control(http),
+      local_server(http, options.local_model_server),
+      models(workers, local_server, http, [this] { return routersWithModels(routers); }),
+      chat({workers, ai_control, experts, routers, [this] { return scienceWorkerUrl(typed); }, http,
+            local_server, collector}),
+      openai(workers, worker_connections, experts, local_server, collector,
+             openAiSettings(options)),
+      loops(workers, routers, typed, history) {}
+
+}  // namespace tavrel::controller

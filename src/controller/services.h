@@ -1,0 +1,55 @@
+#pragma once
+
+#include "ai/ai_control.h"
+#include "ai/moe_router.h"
+#include "api/http_server.h"
+#include "cluster/router_registry.h"
+#include "controller/background_loops.h"
+#include "controller/command_line.h"
+#include "controller/controller_identity.h"
+#include "events/event_stream_service.h"
+#include "inference/chat_proxy.h"
+#include "inference/local_model_server.h"
+#include "inference/model_catalogue.h"
+#include "inference/openai_gateway.h"
+#include "metrics/metrics_collector.h"
+#include "metrics/metrics_history.h"
+#include "net/http_client.h"
+#include "net/worker_connection_pool.h"
+#include "worker/typed_worker_registry.h"
+#include "worker/worker_registry.h"
+
+namespace tavrel::controller {
+
+/// Every long-lived object of the program, in order of creation: each may use those above it, and
+/// they are destroyed in reverse. Owned by start-up; constructing it starts nothing.
+struct Services {
+  explicit Services(const Options& options);
+
+  ControllerIdentity self;
+  events::EventStreamService& events;
+  metrics::MetricsCollector& collector;
+  metrics::MetricsHistory& history;
+
+  net::HttpClient http;
+  net::WorkerConnectionPool worker_connections;
+
+  worker::WorkerRegistry workers;
+  worker::TypedWorkerRegistries typed;
+  cluster::RouterRegistry routers;
+
+  ai::AiControl ai_control;
+  ai::MoeRouter experts;
+  inference::LocalModelServer local_server;
+  inference::ModelCatalogue models;
+  inference::ChatProxy chat;
+  inference::OpenAiGateway openai;
+
+  api::HttpServer server;
+  BackgroundLoops loops;
+};
+
+/// Offers every family's routes.
+void addAllRoutes(api::RouteBook& book, Services& services);
+
+}  // namespace tavrel::controller
