@@ -1,0 +1,64 @@
+#include "platform/files.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace tavrel::platform {
+namespace {
+
+class FilesTest : public ::testing::Test {
+ protected:
+  FilesTest() {
+    std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-XXXXXX").string();
+    directory_ = ::mkdtemp(pattern.data());
+  }
+  ~FilesTest() override { std::filesystem::remove_all(directory_); }
+
+  std::filesystem::path directory_;
+};
+
+TEST_F(FilesTest, AFileIsReplacedWholeAndPrivate) {
+  const std::string path = directory_ / "state.json";
+  ASSERT_TRUE(writeFileAtomically(path, std::string(300000, 'a')));
+  ASSERT_TRUE(writeFileAtomically(path, std::string("b\0c", 3)));
+  EXPECT_EQ(readFile(path), std::string("b\0c", 3));
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0600U);
+  const auto entries = std::filesystem::directory_iterator(directory_);
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+}
+
+TEST_F(FilesTest, AFailedWriteLeavesTheOldFileAlone) {
+  const std::string path = directory_ / "taken";
+  std::filesystem::create_directories(std::filesystem::path(path) / "inside");
+  EXPECT_FALSE(writeFileAtomically(path, "x"));
+  EXPECT_FALSE(writeFileAtomically(directory_ / "missing" / "file", "x"));
+  const auto entries = std::filesystem::directory_iterator(directory_);
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+}
+
+TEST_F(FilesTest, OnlyRegularFilesAreRead) {
+  EXPECT_FALSE(readFile(directory_));
+  EXPECT_FALSE(readFile(directory_ / "missing"));
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(readFile(fifo));
+}
+
+TEST_F(FilesTest, DirectoriesArePrivateAndMadeWithTheirParents) {
+  const std::string path = directory_ / "a" / "b";
+  EXPECT_TRUE(ensureDirectory(path));
+  EXPECT_TRUE(ensureDirectory(path));
+  struct stat status {};
+  ASSERT_EQ(::stat(path.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 0777, 0700U);
+  ASSERT_TRUE(writeFileAtomically(directory_ / "file", ""));
+  EXPECT_FALSE(ensureDirectory(directory_ / "file" / "below"));
+}
+
+}  // namespace
+}  // namespace tavrel::platform
