@@ -4,6 +4,7 @@
 #include <string_view>
 #include <utility>
 
+#include "api/route_book.h"
 #include "cluster/router_registry.h"
 #include "controller/controller_identity.h"
 #include "controller/routes/families.h"
