@@ -107,7 +107,7 @@ nlohmann::json component(const cluster::RouterInfo& router) {
           {"url", router.baseUrl()},
           {"status", up ? "online" : (down ? "offline" : "unknown")},
           {"last_heartbeat", platform::toEpochSeconds(router.last_heartbeat)},
-          {"mode", cluster::aiModeToString(router.ai_control.mode)}};
+          {"mode", cluster::aiControlModeToString(router.ai_control.mode)}};
 }
 
 nlohmann::json component(const worker::TypedWorkerInfo& worker, const ComponentKind& kind,
