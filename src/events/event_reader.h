@@ -14,8 +14,8 @@ namespace tavrel::events {
 struct EventFilter {
   bool events = true;
   bool logs = true;
-  std::string level;   ///< of log entries; empty: every one
-  std::string source;  ///< of log entries; empty: every one
+  std::string level{};   ///< of log entries; empty: every one
+  std::string source{};  ///< of log entries; empty: every one
 
   /// Heartbeats reach everybody: they keep the connection alive.
   bool accepts(const Event& event) const { return events || event.type == EventType::kHeartbeat; }

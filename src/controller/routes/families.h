@@ -13,8 +13,9 @@ namespace tavrel::events {
 class EventStreamService;
 }
 namespace tavrel::metrics {
+class MetricsCollector;
 class MetricsHistory;
-}
+}  // namespace tavrel::metrics
 namespace tavrel::worker {
 class TypedWorkerRegistries;
 class WorkerRegistry;
@@ -40,5 +41,8 @@ void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,
                           events::EventStreamService& events);
+void addEventRoutes(api::RouteBook& book, events::EventStreamService& events);
+void addMetricsRoutes(api::RouteBook& book, metrics::MetricsCollector& collector,
+                      metrics::MetricsHistory& history);
 
 }  // namespace tavrel::controller

@@ -1,7 +1,11 @@
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string>
 
+#include "api/request.h"
 #include "api/response.h"
 #include "platform/text.h"
 
@@ -16,6 +20,15 @@ inline api::Response invalidJsonBody() {
 /// be listed as JSON again.
 inline bool isStorableId(const std::string& id) {
   return !id.empty() && platform::replaceInvalidUtf8(id) == id;
+}
+
+/// A query parameter as a decimal integer, brought into the range of the type. Throws, which
+/// answers 500, when it is given and not a number.
+inline std::int32_t queryNumber(const api::Request& req, const std::string& name,
+                                std::int32_t fallback) {
+  using Limits = std::numeric_limits<std::int32_t>;
+  const long long value = std::stoll(req.getQuery(name, std::to_string(fallback)));
+  return static_cast<std::int32_t>(std::clamp<long long>(value, Limits::min(), Limits::max()));
 }
 
 }  // namespace tavrel::controller
