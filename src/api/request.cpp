@@ -2,6 +2,8 @@
 
 #include <strings.h>
 
+#include "platform/json_text.h"
+
 namespace tavrel::api {
 namespace {
 
@@ -33,7 +35,7 @@ const std::optional<nlohmann::json>& Request::json() const {
   if (!json_parsed_) {
     json_parsed_ = true;
     const bool declared = getHeader("Content-Type").find("application/json") != std::string::npos;
-    if (declared && !body.empty() && jsonDepthWithin(body, kMaxJsonDepth)) {
+    if (declared && !body.empty() && platform::jsonDepthWithin(body, kMaxJsonDepth)) {
       auto parsed = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
       if (!parsed.is_discarded()) json_ = std::move(parsed);
     }
@@ -52,28 +54,6 @@ std::map<std::string, std::string> parseQueryParams(const std::string& text) {
     start = end + 1;
   }
   return params;
-}
-
-bool jsonDepthWithin(const std::string& text, int max_depth) {
-  int depth = 0;
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (in_string) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        in_string = false;
-      }
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == '[' || c == '{') {
-      if (++depth > max_depth) return false;
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return true;
 }
 
 }  // namespace tavrel::api

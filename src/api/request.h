@@ -44,8 +44,4 @@ class Request {
 /// repeated key keeps its last value, nothing is decoded.
 std::map<std::string, std::string> parseQueryParams(const std::string& text);
 
-/// True when no object or array in `text` lies deeper than `max_depth`. Text that is not JSON may
-/// give either answer.
-bool jsonDepthWithin(const std::string& text, int max_depth);
-
 }  // namespace tavrel::api

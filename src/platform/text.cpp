@@ -74,6 +74,14 @@ std::string replaceInvalidUtf8(std::string_view text) {
   return clean;
 }
 
+std::string singleLine(std::string_view text) {
+  std::string line(text);
+  for (char& c : line) {
+    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
+  }
+  return line;
+}
+
 std::string percentEncode(std::string_view text) {
   const bool dot_segment = text == "." || text == "..";
   std::string encoded;

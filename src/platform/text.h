@@ -15,6 +15,10 @@ std::string firstCharacters(std::string_view text, std::size_t max_characters);
 /// `text` with every byte sequence that is not UTF-8 replaced by U+FFFD.
 std::string replaceInvalidUtf8(std::string_view text);
 
+/// `text` with every control character replaced by a space, so that what somebody sent cannot pass
+/// for a console line of its own.
+std::string singleLine(std::string_view text);
+
 /// `text` as one URL path segment or query value: everything but unreserved characters becomes %XX,
 /// and a segment "." or ".." is encoded as well, so that no proxy on the way collapses it.
 std::string percentEncode(std::string_view text);

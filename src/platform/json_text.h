@@ -1,0 +1,27 @@
+#pragma once
+
+#include <nlohmann/json_fwd.hpp>
+#include <string>
+#include <string_view>
+
+// JSON as text, where what comes in was written by somebody else. No state; any thread.
+namespace tavrel::platform {
+
+/// True when no object or array in `text` lies deeper than `max_depth`. Text that is not JSON may
+/// give either answer.
+bool jsonDepthWithin(std::string_view text, int max_depth);
+
+/// Nesting that is still read. Deeper documents would exhaust the stack when copied or written.
+inline constexpr int kMaxForeignJsonDepth = 256;
+
+/// Reads what another program sent. Bytes that are not UTF-8 and halves of surrogate pairs become
+/// U+FFFD. Throws std::exception when it is not JSON or nests too deeply.
+nlohmann::json parseForeignJson(std::string_view text);
+
+/// Appends `text` as a JSON string, quotes included. Bytes that are not UTF-8 become U+FFFD.
+void appendJsonString(std::string& out, std::string_view text);
+
+/// The value as compact JSON; text in it that is not UTF-8 is replaced, never raised.
+std::string dumpJson(const nlohmann::json& value);
+
+}  // namespace tavrel::platform
