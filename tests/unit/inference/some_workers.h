@@ -20,7 +20,7 @@ inline worker::WorkerInfo aWorker(std::string id, std::vector<std::string> model
 
 inline void setLoad(worker::WorkerInfo& info, float cpu_percent, std::uint64_t memory_used,
                     std::uint64_t memory_total) {
-  info.metrics.cpu_usage_percent = cpu_percent;
+  info.metrics.cpu_usage = cpu_percent;
   info.metrics.memory_used = memory_used;
   info.metrics.memory_total = memory_total;
 }

@@ -1,0 +1,151 @@
+#include "inference/model_catalogue.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <nlohmann/json.hpp>
+#include <set>
+#include <thread>
+#include <utility>
+
+#include "ai/model_server.h"
+#include "platform/blocking.h"
+#include "platform/clock.h"
+#include "platform/json_fields.h"
+#include "platform/json_text.h"
+
+namespace tavrel::inference {
+namespace {
+
+using Job = std::function<void()>;
+
+/// Runs the jobs on a bounded number of threads, this one among them; none is begun after
+/// `asking_time`. Jobs must not throw.
+void runSideBySide(const std::vector<Job>& jobs, std::size_t at_once,
+                   std::chrono::milliseconds asking_time) {
+  const auto deadline = platform::steadyNow() + asking_time;
+  std::atomic<std::size_t> next{0};
+  const auto work = [&] {
+    for (std::size_t job; (job = next.fetch_add(1)) < jobs.size();) {
+      if (job > 0 && platform::steadyNow() > deadline) return;
+      jobs[job]();
+    }
+  };
+  platform::BlockingScope blocking;
+  std::vector<std::jthread> helpers;
+  for (std::size_t i = 1; i < std::min(at_once, jobs.size()); ++i) helpers.emplace_back(work);
+  work();
+}
+
+nlohmann::json entryFor(const std::string& name, const char* owner, std::string_view source) {
+  return {
+      {"id", name}, {"name", name}, {"object", "model"}, {"owned_by", owner}, {"source", source}};
+}
+
+std::map<std::string, std::vector<std::string>> workersByModel(
+    const worker::WorkerRegistry& workers) {
+  std::map<std::string, std::vector<std::string>> by_model;
+  for (const worker::WorkerPtr& worker : workers.snapshot()) {
+    if (worker->status != worker::WorkerStatus::kOnline) continue;
+    for (const std::string& model : worker->capabilities.installed_models) {
+      auto& ids = by_model[model];
+      if (ids.empty() || ids.back() != worker->worker_id) ids.push_back(worker->worker_id);
+    }
+  }
+  return by_model;
+}
+
+}  // namespace
+
+ModelCatalogue::ModelCatalogue(const worker::WorkerRegistry& workers, LocalModelServer& local,
+                               net::HttpClient& http, Remotes remotes)
+    : workers_(workers), local_(local), http_(http), remotes_(std::move(remotes)) {}
+
+nlohmann::json ModelCatalogue::openAiList() const {
+  std::vector<std::string> names = workers_.onlineModels();
+  const char* owner = "cluster";
+  if (names.empty()) {
+    owner = "local";
+    for (LocalModel& model : local_.listModels()) names.push_back(std::move(model.name));
+    std::sort(names.begin(), names.end());
+  }
+  nlohmann::json data = nlohmann::json::array();
+  for (const std::string& name : names) {
+    data.push_back({{"id", name}, {"object", "model"}, {"owned_by", owner}});
+  }
+  return {{"object", "list"}, {"data", std::move(data)}};
+}
+
+nlohmann::json ModelCatalogue::detailedList(bool own_only) const {
+  const std::vector<RemoteCatalogue> remotes =
+      own_only ? std::vector<RemoteCatalogue>() : remotes_();
+  std::vector<std::vector<Foreign>> foreign(remotes.size());
+  std::vector<LocalModel> local;
+  std::vector<Job> jobs = {[&] { local = local_.listModels(); }};
+  for (std::size_t i = 0; i < remotes.size(); ++i) {
+    jobs.emplace_back([&, i] { foreign[i] = ask(remotes[i]); });
+  }
+  runSideBySide(jobs, kMaxCallsAtOnce, kAskingTime);
+
+  nlohmann::json models = nlohmann::json::array();
+  std::set<std::string> listed;
+  for (auto& [name, ids] : workersByModel(workers_)) {
+    nlohmann::json& entry = models.emplace_back(entryFor(name, "cluster", "worker"));
+    entry["worker_count"] = ids.size();
+    entry["workers"] = std::move(ids);
+    listed.insert(name);
+  }
+  const auto add = [&](const std::string& name, const std::optional<std::uint64_t>& size_bytes,
+                       nlohmann::json entry) {
+    if (!listed.insert(name).second) return;
+    if (size_bytes) entry["size"] = *size_bytes;
+    models.push_back(std::move(entry));
+  };
+  for (std::size_t i = 0; i < remotes.size(); ++i) {
+    for (const Foreign& model : foreign[i]) {
+      add(model.name, model.size_bytes, entryFor(model.name, "cluster", remotes[i].source));
+    }
+  }
+  for (const LocalModel& model : local) {
+    nlohmann::json entry = entryFor(model.name, "local", "local");
+    entry["worker"] = "local";
+    add(model.name, model.size_bytes, std::move(entry));
+  }
+  const std::size_t count = models.size();
+  return {{"models", std::move(models)}, {"object", "list"}, {"count", count}};
+}
+
+std::vector<ModelCatalogue::Foreign> ModelCatalogue::ask(const RemoteCatalogue& remote) const {
+  net::HttpCall call;
+  call.url = ai::joinUrl(remote.base_url, "/api/v1/models?scope=own");
+  call.max_answer_bytes = std::size_t{8} << 20;
+  const net::HttpResult result = http_.send(call, {kConnectTimeout, kCallTimeout});
+  if (!result.ok()) return {};
+  try {
+    return readRemoteList(result.body);
+  } catch (const std::exception&) {
+    return {};  // not a catalogue
+  }
+}
+
+std::vector<ModelCatalogue::Foreign> ModelCatalogue::readRemoteList(const std::string& body) {
+  std::vector<Foreign> models;
+  const nlohmann::json document = platform::parseForeignJson(body);
+  const nlohmann::json* list =
+      document.is_object() ? platform::jsonMember(document, "models") : nullptr;
+  if (list == nullptr || !list->is_array()) return models;
+  for (const nlohmann::json& entry : *list) {
+    if (!entry.is_object()) continue;
+    const nlohmann::json* name = platform::jsonMember(entry, "id");
+    if (name == nullptr) name = platform::jsonMember(entry, "name");
+    if (name == nullptr || !name->is_string()) continue;
+    Foreign& model = models.emplace_back();
+    model.name = name->get<std::string>();
+    const nlohmann::json* size = platform::jsonMember(entry, "size");
+    if (size != nullptr && size->is_number_unsigned())
+      model.size_bytes = size->get<std::uint64_t>();
+  }
+  return models;
+}
+
+}  // namespace tavrel::inference
