@@ -34,6 +34,7 @@ class TestServer {
   httplib::Client client() const {
     httplib::Client client("127.0.0.1", port());
     client.set_keep_alive(true);
+    client.set_tcp_nodelay(true);  // or each POST waits for a delayed acknowledgement
     client.set_read_timeout(20);
     return client;
   }

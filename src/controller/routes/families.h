@@ -3,6 +3,10 @@
 #include <functional>
 #include <string>
 
+namespace tavrel::ai {
+class AiControl;
+class MoeRouter;
+}  // namespace tavrel::ai
 namespace tavrel::api {
 class RouteBook;
 }
@@ -12,6 +16,10 @@ class RouterRegistry;
 namespace tavrel::events {
 class EventStreamService;
 }
+namespace tavrel::inference {
+class ChatProxy;
+class ModelCatalogue;
+}  // namespace tavrel::inference
 namespace tavrel::metrics {
 class MetricsCollector;
 class MetricsHistory;
@@ -44,5 +52,10 @@ void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& t
 void addEventRoutes(api::RouteBook& book, events::EventStreamService& events);
 void addMetricsRoutes(api::RouteBook& book, metrics::MetricsCollector& collector,
                       metrics::MetricsHistory& history);
+void addModelListRoutes(api::RouteBook& book, const inference::ModelCatalogue& models);
+void addChatRoutes(api::RouteBook& book, inference::ChatProxy& chat);
+void addAiRoutes(api::RouteBook& book, const ControllerIdentity& self, ai::AiControl& control,
+                 const cluster::RouterRegistry& routers, const worker::WorkerRegistry& workers);
+void addMoeRoutes(api::RouteBook& book, ai::MoeRouter& experts);
 
 }  // namespace tavrel::controller

@@ -1,0 +1,93 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "inference/model_catalogue.h"
+#include "routes/chat_services.h"
+
+namespace tavrel::test {
+namespace {
+
+using nlohmann::json;
+
+struct ModelLists {
+  worker::WorkerRegistry workers;
+  net::HttpClient http;
+  inference::LocalModelServer local;
+  std::vector<inference::RemoteCatalogue> remotes;
+  inference::ModelCatalogue models{workers, local, http, [this] { return remotes; }};
+  TestServer server;
+
+  explicit ModelLists(const std::string& local_url) : local(http, local_url), server(book()) {}
+
+  void addWorker(const std::string& id, std::vector<std::string> installed, bool online = true) {
+    worker::WorkerInfo info;
+    info.worker_id = id;
+    info.status = online ? worker::WorkerStatus::kOnline : worker::WorkerStatus::kOffline;
+    info.capabilities.installed_models = std::move(installed);
+    workers.registerWorker(std::move(info), false);
+  }
+  json get(const std::string& path) const {
+    return json::parse(server.client().Get(path.c_str())->body);
+  }
+
+ private:
+  api::RouteBook book() {
+    api::RouteBook routes;
+    controller::addModelListRoutes(routes, models);
+    return routes;
+  }
+};
+
+const char* const kLocalModels =
+    R"({"models":[{"name":"z","size":12},{"name":"a"},{"size":3},"x"]})";
+
+TEST(ModelListRoutes, TheOpenAiListHasTheClustersModelsElseTheLocalOnes) {
+  MockPeer local(answeringByPath({{"/api/tags", httpAnswer(200, kLocalModels)}}));
+  ModelLists lists(local.url(""));
+  EXPECT_EQ(lists.get("/v1/models"), json::parse(R"({"object":"list","data":[
+      {"id":"a","object":"model","owned_by":"local"},
+      {"id":"z","object":"model","owned_by":"local"}]})"));
+  lists.addWorker("w2", {"b", "a"});
+  lists.addWorker("w1", {"b"});
+  lists.addWorker("off", {"c"}, false);
+  EXPECT_EQ(lists.get("/v1/models"), json::parse(R"({"object":"list","data":[
+      {"id":"a","object":"model","owned_by":"cluster"},
+      {"id":"b","object":"model","owned_by":"cluster"}]})"));
+}
+
+TEST(ModelListRoutes, TheDetailedListGathersEveryModelOnce) {
+  MockPeer local(answeringByPath({{"/api/tags", httpAnswer(200, kLocalModels)}}));
+  MockPeer router(answeringByPath(
+      {{"GET /api/v1/models?scope=own ",
+        httpAnswer(200, R"({"models":[{"id":"r","size":5},{"name":"a"},{"id":7},null]})")}}));
+  MockPeer broken(MockPeer::answeringOnce(httpAnswer(200, "<html>")));
+  ModelLists lists(local.url(""));
+  lists.addWorker("w2", {"a"});
+  lists.addWorker("w1", {"a", "a"});
+  lists.remotes = {{broken.url(""), "peer"}, {router.url("/"), "router"}};
+  EXPECT_EQ(lists.get("/api/v1/models"), json::parse(R"({"object":"list","count":3,"models":[
+      {"id":"a","name":"a","object":"model","owned_by":"cluster","source":"worker",
+       "workers":["w1","w2"],"worker_count":2},
+      {"id":"r","name":"r","object":"model","owned_by":"cluster","source":"router","size":5},
+      {"id":"z","name":"z","object":"model","owned_by":"local","source":"local","worker":"local",
+       "size":12}]})"));
+
+  // Two controllers that list each other must not ask in circles.
+  EXPECT_EQ(lists.get("/api/v1/models?scope=own")["count"], 2);
+  EXPECT_EQ(router.connections(), 1U);
+}
+
+TEST(ModelListRoutes, NodesThatDoNotAnswerHoldTheListUpForAMoment) {
+  UnansweringPort silent;
+  MockPeer hanging([](MockConnection& connection) { connection.readRequest(); });
+  ModelLists lists("http://127.0.0.1:" + std::to_string(silent.port()));
+  lists.addWorker("w", {"a"});
+  for (int i = 0; i < 40; ++i) lists.remotes.push_back({hanging.url(""), "router"});
+  const auto start = platform::steadyNow();
+  EXPECT_EQ(lists.get("/api/v1/models")["count"], 1);
+  EXPECT_LT(platform::millisecondsSince(start), 10'000);
+}
+
+}  // namespace
+}  // namespace tavrel::test
