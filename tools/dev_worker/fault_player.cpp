@@ -42,7 +42,7 @@ void hangUp(int descriptor) {
 
 void reset(int descriptor) {
   const sockaddr nobody{.sa_family = AF_UNSPEC, .sa_data = {}};
-  ::connect(descriptor, &nobody, sizeof nobody);  // dissolves the connection with a reset
+  (void)::connect(descriptor, &nobody, sizeof nobody);  // dissolves the connection with a reset
 }
 
 std::string rawHead(const api::Response& answer) {
