@@ -49,6 +49,11 @@ function(tavrel_test name)
     set(ARG_TIMEOUT 300)
   endif()
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
+  if(TAVREL_SANITIZER MATCHES "thread")
+    # Programs that a test starts inherit it.
+    set_tests_properties(${name} PROPERTIES
+      ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp")
+  endif()
 endfunction()
 
 # A folder that joins the build once it has something to build.

@@ -209,12 +209,14 @@ void ConnectionEngine::refuse(Connection& connection, int status) {
 }
 
 bool ConnectionEngine::park(Connection& connection, std::chrono::milliseconds timeout) {
+  // Taken first: once parked, the connection may be served and closed by another thread.
+  const int socket = connection.descriptor();
   // A head that is dribbled in keeps the deadline of its first byte.
   connection.park(nanoseconds(connection.parkingDeadline(platform::steadyNow(), timeout)));
   epoll_event event{};
   event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
   event.data.ptr = &connection;
-  return ::epoll_ctl(epoll_, EPOLL_CTL_MOD, connection.descriptor(), &event) == 0;
+  return ::epoll_ctl(epoll_, EPOLL_CTL_MOD, socket, &event) == 0;
 }
 
 void ConnectionEngine::close(Connection& connection) {
