@@ -1,0 +1,147 @@
+#include <algorithm>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "api/auth_middleware.h"
+#include "controller/routes/families.h"
+#include "controller/routes/route_input.h"
+#include "platform/text.h"
+
+namespace tavrel::controller {
+namespace {
+
+using api::Context;
+using api::Request;
+using api::Response;
+
+constexpr std::size_t kShownKeyCharacters = 12;
+
+bool isAdmin(const Context& context) {
+  if (!context.identity) return false;
+  const std::vector<std::string>& roles = context.identity->roles;
+  return std::find(roles.begin(), roles.end(), "admin") != roles.end();
+}
+
+Response adminRequired() {
+  return Response::error(403, "Admin access required");
+}
+
+/// The beginning of a key for lists: twelve characters, of a key as short as that half or less.
+std::string keyPrefix(const std::string& key) {
+  const std::string text = platform::replaceInvalidUtf8(key);
+  std::size_t shown = kShownKeyCharacters;
+  std::string prefix = platform::firstCharacters(text, shown);
+  while (shown > 0 && prefix == text) {
+    shown /= 2;
+    prefix = platform::firstCharacters(text, shown);
+  }
+  return prefix + "...";
+}
+
+/// The member when it is an array of strings, else `fallback`.
+std::vector<std::string> stringsOr(const nlohmann::json& body, const char* name,
+                                   std::vector<std::string> fallback) {
+  const auto member = body.find(name);
+  if (member == body.end() || !member->is_array()) return fallback;
+  const bool strings = std::all_of(member->begin(), member->end(),
+                                   [](const nlohmann::json& item) { return item.is_string(); });
+  return strings ? member->get<std::vector<std::string>>() : fallback;
+}
+
+struct AuthRoutes {
+  api::AuthMiddleware& auth;
+  std::string auth_mode;
+
+  Response listKeys(const Context& context) const {
+    if (!isAdmin(context)) return adminRequired();
+    nlohmann::json keys = nlohmann::json::array();
+    for (const api::ApiKeyEntry& key : auth.listApiKeys()) {
+      keys.push_back({{"name", key.name},
+                      {"type", key.type},
+                      {"roles", key.roles},
+                      {"permissions", key.permissions},
+                      {"revoked", key.revoked},
+                      {"request_count", key.request_count},
+                      {"key_prefix", keyPrefix(key.key)}});
+    }
+    return Response::ok({{"keys", std::move(keys)}, {"stats", auth.getStats()}});
+  }
+
+  Response createKey(const Context& context, const Request& request) const {
+    if (!isAdmin(context)) return adminRequired();
+    if (!request.json()) return invalidJsonBody();
+    const nlohmann::json& body = *request.json();
+    const std::string name = body.value("name", "");
+    if (name.empty()) return Response::error(400, "'name' is required");
+    const std::string type = body.value("type", "client");
+    const std::string key = auth.generateApiKey(name, type, stringsOr(body, "roles", {}),
+                                                stringsOr(body, "permissions", {}));
+    return Response::created(
+        {{"key", key},
+         {"name", name},
+         {"type", type},
+         {"message", "Store this key securely - it cannot be retrieved later"}});
+  }
+
+  Response revokeKey(const Context& context, const Request& request) const {
+    if (!isAdmin(context)) return adminRequired();
+    if (!request.json()) return invalidJsonBody();
+    const std::string key = request.json()->value("key", "");
+    if (key.empty()) return Response::error(400, "'key' is required");
+    if (!auth.revokeApiKey(key)) return Response::error(404, "API key not found");
+    return Response::ok({{"status", "revoked"}});
+  }
+
+  Response issueWorkerToken(const Context& context, const Request& request) const {
+    if (!context.identity) return Response::error(401, "Authentication required");
+    if (!request.json()) return invalidJsonBody();
+    const nlohmann::json& body = *request.json();
+    const std::string worker_id = body.value("worker_id", "");
+    if (worker_id.empty()) return Response::error(400, "'worker_id' is required");
+    const std::string token = auth.issueWorkerToken(
+        worker_id, stringsOr(body, "permissions", {"inference", "heartbeat", "status"}));
+    return Response::created({{"token", token},
+                              {"worker_id", worker_id},
+                              {"type", "worker"},
+                              {"expires_in_seconds", auth.workerTokenTtlSeconds()}});
+  }
+
+  Response info(const Context& context) const {
+    nlohmann::json answer = {{"auth_mode", auth_mode}, {"authenticated", false}};
+    if (context.identity) {
+      const api::AuthIdentity& caller = *context.identity;
+      answer["authenticated"] = true;
+      answer["user"] = {{"id", caller.id},
+                        {"type", caller.type},
+                        {"roles", caller.roles},
+                        {"permissions", caller.permissions}};
+    }
+    return Response::ok(answer);
+  }
+};
+
+}  // namespace
+
+void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const std::string& auth_mode) {
+  const AuthRoutes h{auth, auth_mode};
+  book.get("/api/v1/auth/keys", [h](Context& c, const Request&) { return h.listKeys(c); });
+  book.post("/api/v1/auth/keys", [h](Context& c, const Request& r) { return h.createKey(c, r); });
+  book.post("/api/v1/auth/keys/revoke",
+            [h](Context& c, const Request& r) { return h.revokeKey(c, r); });
+  book.get("/api/v1/auth/stats",
+           [h](Context&, const Request&) { return Response::ok(h.auth.getStats()); });
+  book.post("/api/v1/auth/tokens/worker",
+            [h](Context& c, const Request& r) { return h.issueWorkerToken(c, r); });
+  book.get("/api/v1/auth/mode", [h](Context&, const Request&) {
+    return Response::ok({{"auth_mode", h.auth_mode}});
+  });
+  // Without user accounts there is no first administrator to set up.
+  book.get("/api/v1/auth/setup-status", [](Context&, const Request&) {
+    return Response::ok({{"first_time_setup", false}});
+  });
+  book.get("/api/v1/auth/info", [h](Context& c, const Request&) { return h.info(c); });
+}
+
+}  // namespace tavrel::controller
