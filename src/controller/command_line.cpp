@@ -61,7 +61,7 @@ Agent Catalog:
 )";
 
 constexpr const char* kAddedUsage = R"(
-Limits and timeouts:
+Limits, timeouts and access:
   --max-threads <n>          Threads that may serve requests at once (default: 4096)
   --max-connections <n>      Open client connections (default: 16384)
   --max-body-mb <n>          Largest request body in MiB (default: 256)
@@ -70,6 +70,10 @@ Limits and timeouts:
                              first token (default: 15)
   --local-model-server <url> Model server asked for models no worker has
                              (default: http://localhost:11434)
+  --protect-inference        Chat, completion, embedding and model-list paths need
+                             credentials too, when authentication is required
+  --guest-rpm <n>            Requests per minute of all guests together (default: 60)
+  --key-rpm <n>              Requests per minute of each key or token (default: 1000)
 
   --help-all                 Show this help and the options above it
 )";
@@ -125,6 +129,9 @@ const std::map<std::string, Target>& optionTable() {
       {"--worker-stall", &Options::worker_stall_seconds},
       {"--stream-comment", &Options::stream_comment_seconds},
       {"--local-model-server", &Options::local_model_server},
+      {"--protect-inference", Flag([](Options& o) { o.protect_inference = true; })},
+      {"--guest-rpm", &Options::guest_requests_per_minute},
+      {"--key-rpm", &Options::key_requests_per_minute},
   };
   return table;
 }

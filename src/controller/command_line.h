@@ -33,7 +33,7 @@ struct Options {
   std::string ssh_user = "root";
   std::string ssh_key_path;
 
-  std::string api_key;
+  std::string api_key;  ///< empty: the environment's TAVREL_API_KEY is asked
   bool require_auth = false;
   std::string auth_mode = "none";
   std::string auth_db = "sqlite";
@@ -56,6 +56,9 @@ struct Options {
   int worker_stall_seconds = 120;   ///< a worker that sends nothing for so long has stalled
   int stream_comment_seconds = 15;  ///< between comments while a stream waits for its first token
   std::string local_model_server = "http://localhost:11434";
+  bool protect_inference = false;
+  int guest_requests_per_minute = 60;
+  int key_requests_per_minute = 1000;
 };
 
 /// What to do after reading the command line: run with `options`, or print `text` and exit.

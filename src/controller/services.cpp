@@ -38,6 +38,7 @@ inference::OpenAiSettings openAiSettings(const Options& options) {
 Services::Services(const Options& options)
     : self{options.node_id.empty() ? platform::generateUUID() : options.node_id,
            platform::getHostname()},
+      auth_mode(options.auth_mode),
       events(events::EventStreamService::instance()),
       collector(metrics::MetricsCollector::getInstance()),
       history(metrics::MetricsHistory::instance()),

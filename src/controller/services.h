@@ -2,6 +2,7 @@
 
 #include "ai/ai_control.h"
 #include "ai/moe_router.h"
+#include "api/auth_middleware.h"
 #include "api/http_server.h"
 #include "cluster/router_registry.h"
 #include "controller/background_loops.h"
@@ -27,6 +28,8 @@ struct Services {
   explicit Services(const Options& options);
 
   ControllerIdentity self;
+  const std::string auth_mode;
+  api::AuthMiddleware auth;
   events::EventStreamService& events;
   metrics::MetricsCollector& collector;
   metrics::MetricsHistory& history;

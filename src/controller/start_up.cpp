@@ -2,6 +2,8 @@
 
 #include <sys/resource.h>
 
+#include <cstdlib>
+#include <exception>
 #include <thread>
 
 #include "controller/banner.h"
@@ -12,6 +14,7 @@
 #include "controller/services.h"
 #include "controller/signal_waiter.h"
 #include "platform/console.h"
+#include "platform/files.h"
 
 namespace tavrel::controller {
 namespace {
@@ -51,6 +54,73 @@ void configureServer(Services& services, const Options& options) {
   g_server = &services.server;
   // Calls to other nodes can outlast the time that a stop leaves running requests.
   services.server.onGraceOver([&services] { services.http.cancelAll(); });
+}
+
+/// The key as the console may show it.
+std::string shown(const std::string& key) {
+  return key.substr(0, 8) + "...";
+}
+
+std::string adminKey(const Options& options) {
+  if (!options.api_key.empty()) return options.api_key;
+  const char* key = std::getenv("TAVREL_API_KEY");
+  if (key == nullptr || *key == '\0') return "";
+  printLine("[Controller] API key loaded from TAVREL_API_KEY environment variable");
+  return key;
+}
+
+void reportFullMode(api::AuthMiddleware& auth, const std::string& key) {
+  const char* home = std::getenv("HOME");
+  const std::string directory =
+      home == nullptr || *home == '\0' ? "/etc/tavrel" : platform::userConfigDirectory("");
+  const std::string file = directory + "/api_keys.json";
+  if (auth.loadApiKeys(file)) {
+    printLine("[Controller] Auth mode: FULL (RBAC) - loaded " +
+              std::to_string(auth.listApiKeys().size()) + " API keys from " + file);
+  } else {
+    printLine("[Controller] Auth mode: FULL (RBAC) - no saved API keys found");
+  }
+  if (key.empty()) {
+    printLine("[Controller] WARNING: --auth-mode full requires --api-key for initial admin access");
+  } else {
+    printLine("[Controller] Admin key: " + shown(key));
+  }
+}
+
+void reportAuthMode(api::AuthMiddleware& auth, const std::string& mode, const std::string& key) {
+  if (mode == "full") {
+    reportFullMode(auth, key);
+  } else if (mode == "admin" && !key.empty()) {
+    printLine("[Controller] Auth mode: ADMIN (single key: " + shown(key) + ")");
+  } else if (mode == "admin") {
+    printLine("[Controller] Auth mode: ADMIN - WARNING: no API key provided!");
+    printLine("[Controller] Set --api-key or TAVREL_API_KEY environment variable.");
+  } else {
+    printLine("[Controller] Auth mode: NONE (no authentication required)");
+  }
+}
+
+/// The gate in front of every route. False when the key file cannot be used: rather no controller
+/// than one with other keys than its operator thinks.
+bool startAuthentication(Services& services, const Options& options) {
+  printLine("[Controller] Initializing API authentication...");
+  api::AuthConfig config;
+  config.require_auth = options.require_auth;
+  config.admin_key = adminKey(options);
+  config.public_paths = api::publicPaths();
+  config.protect_inference = options.protect_inference;
+  config.guest_requests_per_minute = options.guest_requests_per_minute;
+  config.requests_per_minute = options.key_requests_per_minute;
+  services.auth.initialize(config);
+  services.server.use(services.auth.getMiddleware());
+  services.server.guardStreams(services.auth.getStreamGuard());
+  try {
+    reportAuthMode(services.auth, options.auth_mode, config.admin_key);
+  } catch (const std::exception& error) {
+    printError(std::string("[Controller] Cannot use the API key file: ") + error.what());
+    return false;
+  }
+  return true;
 }
 
 void startObservability(Services& services, const Options& options) {
@@ -119,6 +189,7 @@ int runController(const std::vector<std::string>& arguments) {
   raiseDescriptorLimit();
   Services services(options);
   configureServer(services, options);
+  if (!startAuthentication(services, options)) return 1;
   startObservability(services, options);
   registerRoutes(services);
   signals.start([&services](int signal) { beginShutdown(services, signal); });

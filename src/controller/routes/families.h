@@ -8,8 +8,9 @@ class AiControl;
 class MoeRouter;
 }  // namespace tavrel::ai
 namespace tavrel::api {
+class AuthMiddleware;
 class RouteBook;
-}
+}  // namespace tavrel::api
 namespace tavrel::cluster {
 class RouterRegistry;
 }
@@ -19,6 +20,7 @@ class EventStreamService;
 namespace tavrel::inference {
 class ChatProxy;
 class ModelCatalogue;
+class OpenAiGateway;
 }  // namespace tavrel::inference
 namespace tavrel::metrics {
 class MetricsCollector;
@@ -37,6 +39,8 @@ struct ControllerIdentity;
 // the server.
 namespace tavrel::controller {
 
+/// `auth_mode` is the mode as it was asked for at start.
+void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const std::string& auth_mode);
 void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
                      const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
                      const worker::TypedWorkerRegistries& typed);
@@ -49,13 +53,15 @@ void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,
                           events::EventStreamService& events);
-void addEventRoutes(api::RouteBook& book, events::EventStreamService& events);
-void addMetricsRoutes(api::RouteBook& book, metrics::MetricsCollector& collector,
-                      metrics::MetricsHistory& history);
 void addModelListRoutes(api::RouteBook& book, const inference::ModelCatalogue& models);
 void addChatRoutes(api::RouteBook& book, inference::ChatProxy& chat);
+/// The OpenAI surface: chat completions, completions and embeddings.
+void addOpenAiRoutes(api::RouteBook& book, inference::OpenAiGateway& gateway);
 void addAiRoutes(api::RouteBook& book, const ControllerIdentity& self, ai::AiControl& control,
                  const cluster::RouterRegistry& routers, const worker::WorkerRegistry& workers);
 void addMoeRoutes(api::RouteBook& book, ai::MoeRouter& experts);
+void addEventRoutes(api::RouteBook& book, events::EventStreamService& events);
+void addMetricsRoutes(api::RouteBook& book, metrics::MetricsCollector& collector,
+                      metrics::MetricsHistory& history);
 
 }  // namespace tavrel::controller

@@ -4,6 +4,7 @@
 namespace tavrel::controller {
 
 void addAllRoutes(api::RouteBook& book, Services& s) {
+  addAuthRoutes(book, s.auth, s.auth_mode);
   addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);
