@@ -90,10 +90,11 @@ TEST_F(AuthRoutesTest, AShortKeyIsNeverShownWhole) {
     auth_.addApiKey(entry);
   }
   std::vector<std::string> shown;
-  for (const json& key : json::parse(get("/api/v1/auth/keys")->body).at("keys")) {
+  const json listed = json::parse(get("/api/v1/auth/keys")->body);
+  for (const json& key : listed.at("keys")) {
     shown.push_back(key.at("key_prefix"));
   }
-  EXPECT_THAT(shown, testing::ElementsAre("a\xC3\xA9\xEF\xBF\xBD...", "abcdef...", "...",
+  EXPECT_THAT(shown, testing::ElementsAre("abcdef...", "a\xC3\xA9\xEF\xBF\xBD...", "...",
                                           "root-key-012..."));
 }
 
