@@ -1,0 +1,223 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <string>
+#include <vector>
+
+#include "support/process.h"
+#include "support/raw_client.h"
+
+namespace tavrel::test {
+namespace {
+
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+const std::string kController = TAVREL_BUILD_DIR "/tavrel-controller";
+const std::string kDevWorker = TAVREL_BUILD_DIR "/tavrel-dev-worker";
+
+class Controller {
+ public:
+  explicit Controller(std::vector<std::string> arguments = {},
+                      Process::Environment environment = {}, int port = 0)
+      : process_(kController, with(std::move(arguments), port), std::move(environment)) {
+    if (port != 0) {
+      process_.waitForLine("[Controller] Server starting on", 20s);
+      port_ = port;
+      return;
+    }
+    const auto line = process_.waitForLine("[Controller] Listening on 127.0.0.1:", 20s);
+    if (line) port_ = std::stoi(line->substr(line->rfind(':') + 1));
+  }
+
+  int port() const { return port_; }
+  Process& process() { return process_; }
+
+  /// The whole answer, head included.
+  std::string request(const std::string& method, const std::string& path,
+                      const std::string& body = "", const std::string& headers = "") const {
+    const RawClient client(port_);
+    client.send(method + ' ' + path + " HTTP/1.1\r\nHost: c\r\nConnection: close\r\n" + headers +
+                "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
+                "\r\n\r\n" + body);
+    return client.readAll();
+  }
+  std::string get(const std::string& path, const std::string& headers = "") const {
+    return request("GET", path, "", headers);
+  }
+  /// Asks until the answer contains the text; the last answer.
+  std::string getUntil(const std::string& path, const std::string& text) const {
+    std::string answer;
+    for (int i = 0; i < 1000; ++i) {
+      answer = get(path);
+      if (answer.find(text) != std::string::npos) break;
+      process_.waitForLine("never printed", 20ms);
+    }
+    return answer;
+  }
+
+ private:
+  static std::vector<std::string> with(std::vector<std::string> arguments, int port) {
+    arguments.insert(arguments.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port)});
+    return arguments;
+  }
+
+  mutable Process process_;
+  int port_ = 0;
+};
+
+std::vector<std::string> tagged(const std::vector<std::string>& lines) {
+  std::vector<std::string> found;
+  for (const std::string& line : lines) {
+    if (line.starts_with("[Controller]") || line.starts_with("[EventStream]") ||
+        line.starts_with("[MetricsHistory]")) {
+      found.push_back(line);
+    }
+  }
+  return found;
+}
+
+TEST(ControllerProcess, StartsAndStopsInOrder) {
+  Controller controller;
+  EXPECT_THAT(controller.get("/health"),
+              HasSubstr("{\"component\":\"controller\",\"status\":\"ok\"}"));
+  controller.process().signal(SIGTERM);
+  EXPECT_EQ(controller.process().waitForExit(10s), 0);
+  const std::string port = std::to_string(controller.port());
+  EXPECT_THAT(
+      tagged(controller.process().outputLines()),
+      ElementsAre(
+          "[Controller] Initializing API authentication...",
+          "[Controller] Auth mode: NONE (no authentication required)",
+          "[Controller] Initializing event stream service...",
+          "[EventStream] Initialized with log_history=1000, event_history=500",
+          "[EventStream] Service started", "[Controller] Initializing metrics history service...",
+          "[MetricsHistory] Initialized with retention=60 minutes, sample_interval=10 seconds "
+          "(max 360 data points per worker)",
+          "[Controller] Starting server on 127.0.0.1:0", "[Controller] Press Ctrl+C to stop",
+          "[Controller] Server starting on 127.0.0.1:0",
+          "[Controller] Listening on 127.0.0.1:" + port,
+          "[Controller] Received signal 15, shutting down...", "[Controller] Server stopped",
+          "[EventStream] Service stopped", "[Controller] Server stopped"));
+  EXPECT_TRUE(controller.process().errorLines().empty());
+}
+
+TEST(ControllerProcess, HelpAndAWrongTierStartNothing) {
+  Process help(kController, {"--port", "1", "--help"});
+  EXPECT_EQ(help.waitForExit(10s), 0);
+  EXPECT_TRUE(help.waitForLine("Usage: tavrel-controller [options]", 1s));
+  EXPECT_TRUE(tagged(help.outputLines()).empty());
+  Process wrong(kController, {"--tier", "bogus"});
+  EXPECT_EQ(wrong.waitForExit(10s), 1);
+  EXPECT_THAT(wrong.errorLines(), ElementsAre("Invalid tier: bogus"));
+}
+
+TEST(ControllerProcess, ATakenPortEndsTheStartAndAKilledOneIsFreeAtOnce) {
+  Controller first;
+  Process second(kController, {"-b", "127.0.0.1", "-p", std::to_string(first.port())});
+  EXPECT_EQ(second.waitForExit(10s), 1);
+  EXPECT_THAT(second.errorLines(), ElementsAre("[Controller] Failed to start server"));
+
+  const RawClient open(first.port());
+  open.send("GET /api/v1/events/stream HTTP/1.1\r\n\r\n");
+  open.readUntil("connected");
+  first.process().signal(SIGKILL);
+  first.process().waitForExit(10s);
+  Controller again({}, {}, first.port());
+  EXPECT_THAT(again.getUntil("/health", "\"ok\""), HasSubstr("\"ok\""));
+}
+
+TEST(ControllerProcess, TheEnvironmentsKeyGuardsAndIsShownInPartOnly) {
+  Controller controller({"--auth-mode", "admin"}, {{"TAVREL_API_KEY", "secret-key-of-the-test"}});
+  auto& process = controller.process();
+  EXPECT_TRUE(process.waitForLine("API key loaded from TAVREL_API_KEY environment variable", 1s));
+  EXPECT_TRUE(process.waitForLine("Auth mode: ADMIN (single key: secret-k...)", 1s));
+  EXPECT_THAT(controller.get("/api/v1/events"), HasSubstr("401"));
+  EXPECT_THAT(controller.get("/health"), HasSubstr("HTTP/1.1 200"));
+  EXPECT_THAT(controller.get("/api/v1/events", "X-API-Key: secret-key-of-the-test\r\n"),
+              HasSubstr("HTTP/1.1 200"));
+  EXPECT_THAT(controller.get("/api/v1/events", "x-api-key: wrong\r\n"),
+              HasSubstr("Invalid API key"));
+  process.signal(SIGINT);
+  EXPECT_EQ(process.waitForExit(10s), 0);
+  for (const std::string& line : process.outputLines()) {
+    EXPECT_EQ(line.find("secret-key"), std::string::npos) << line;
+  }
+}
+
+TEST(ControllerProcess, AMalformedKeyFileEndsTheStart) {
+  const TempDirectory home;
+  std::filesystem::create_directories(home.file(".config/tavrel"));
+  std::ofstream(home.file(".config/tavrel/api_keys.json")) << "{\"api_keys\": [{\"key\": 1}]}";
+  Process process(kController, {"--auth-mode", "full", "--api-key", "k", "-p", "0"},
+                  {{"HOME", home.path()}});
+  EXPECT_EQ(process.waitForExit(10s), 1);
+  ASSERT_FALSE(process.errorLines().empty());
+  EXPECT_THAT(process.errorLines().front(), HasSubstr("key file"));
+}
+
+TEST(ControllerProcess, AFleetAnswersAndItsStreamsDoNotHoldUpTheStop) {
+  Controller controller;
+  const std::string url = "http://127.0.0.1:" + std::to_string(controller.port());
+  const auto worker = [&](const std::string& id, const std::string& rate) {
+    return std::vector<std::string>{"--controller",
+                                    url,
+                                    "--id",
+                                    id,
+                                    "--name",
+                                    id,
+                                    "--model",
+                                    "m",
+                                    "--port",
+                                    "0",
+                                    "--heartbeat-ms",
+                                    "200",
+                                    "--tokens",
+                                    "100",
+                                    "--tokens-per-second",
+                                    rate};
+  };
+  Process one(kDevWorker, worker("w1", "0"));
+  Process two(kDevWorker, worker("w2", "0"));
+  EXPECT_THAT(controller.getUntil("/api/v1/workers", "\"count\":2"), HasSubstr("\"count\":2"));
+
+  const std::string body = R"({"model":"m","messages":[{"role":"user","content":"one two"}]})";
+  EXPECT_THAT(controller.request("POST", "/api/v1/chat/completions", body),
+              HasSubstr("\"object\":\"chat.completion\""));
+  EXPECT_THAT(controller.request("POST", "/v1/chat/completions", body),
+              HasSubstr("X-Tavrel-Worker: w"));
+  EXPECT_THAT(controller.get("/v1/models"), HasSubstr("\"id\":\"m\""));
+
+  // A dead worker costs the client nothing.
+  one.signal(SIGKILL);
+  one.waitForExit(10s);
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_THAT(controller.request("POST", "/v1/chat/completions", body),
+                HasSubstr("X-Tavrel-Worker: w2"));
+  }
+
+  Process slow(kDevWorker, worker("w3", "2"));
+  two.signal(SIGTERM);
+  two.waitForExit(10s);
+  controller.getUntil("/api/v1/workers", "\"w3\"");
+  const RawClient stream(controller.port());
+  const std::string streamed =
+      R"({"model":"m","stream":true,"messages":[{"role":"user","content":"x"}]})";
+  stream.send("POST /v1/chat/completions HTTP/1.1\r\nContent-Length: " +
+              std::to_string(streamed.size()) + "\r\n\r\n" + streamed);
+  stream.readUntil("data: ");
+  const RawClient events(controller.port());
+  events.send("GET /api/v1/events/stream HTTP/1.1\r\n\r\n");
+  events.readUntil("connected");
+  controller.process().signal(SIGTERM);
+  EXPECT_EQ(controller.process().waitForExit(5s), 0);
+}
+
+}  // namespace
+}  // namespace tavrel::test
