@@ -5,7 +5,7 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <nlohmann/json.hpp>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -28,8 +28,8 @@ class Controller {
                       Process::Environment environment = {}, int port = 0)
       : process_(kController, with(std::move(arguments), port), std::move(environment)) {
     if (port != 0) {
-      process_.waitForLine("[Controller] Server starting on", 20s);
       port_ = port;
+      waitUntilItAccepts();
       return;
     }
     const auto line = process_.waitForLine("[Controller] Listening on 127.0.0.1:", 20s);
@@ -66,6 +66,17 @@ class Controller {
   static std::vector<std::string> with(std::vector<std::string> arguments, int port) {
     arguments.insert(arguments.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port)});
     return arguments;
+  }
+
+  void waitUntilItAccepts() {
+    for (int i = 0; i < 1000; ++i) {
+      try {
+        const RawClient probe(port_);
+        return;
+      } catch (const std::runtime_error&) {
+        process_.waitForLine("never printed", 20ms);
+      }
+    }
   }
 
   mutable Process process_;
