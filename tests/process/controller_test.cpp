@@ -5,12 +5,10 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "support/process.h"
-#include "support/raw_client.h"
+#include "process/controller_process.h"
 
 namespace tavrel::test {
 namespace {
@@ -18,70 +16,6 @@ namespace {
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-const std::string kController = TAVREL_BUILD_DIR "/tavrel-controller";
-const std::string kDevWorker = TAVREL_BUILD_DIR "/tavrel-dev-worker";
-
-class Controller {
- public:
-  explicit Controller(std::vector<std::string> arguments = {},
-                      Process::Environment environment = {}, int port = 0)
-      : process_(kController, with(std::move(arguments), port), std::move(environment)) {
-    if (port != 0) {
-      port_ = port;
-      waitUntilItAccepts();
-      return;
-    }
-    const auto line = process_.waitForLine("[Controller] Listening on 127.0.0.1:", 20s);
-    if (line) port_ = std::stoi(line->substr(line->rfind(':') + 1));
-  }
-
-  int port() const { return port_; }
-  Process& process() { return process_; }
-
-  /// The whole answer, head included.
-  std::string request(const std::string& method, const std::string& path,
-                      const std::string& body = "", const std::string& headers = "") const {
-    const RawClient client(port_);
-    client.send(method + ' ' + path + " HTTP/1.1\r\nHost: c\r\nConnection: close\r\n" + headers +
-                "Content-Type: application/json\r\nContent-Length: " + std::to_string(body.size()) +
-                "\r\n\r\n" + body);
-    return client.readAll();
-  }
-  std::string get(const std::string& path, const std::string& headers = "") const {
-    return request("GET", path, "", headers);
-  }
-  /// Asks until the answer contains the text; the last answer.
-  std::string getUntil(const std::string& path, const std::string& text) const {
-    std::string answer;
-    for (int i = 0; i < 1000; ++i) {
-      answer = get(path);
-      if (answer.find(text) != std::string::npos) break;
-      process_.waitForLine("never printed", 20ms);
-    }
-    return answer;
-  }
-
- private:
-  static std::vector<std::string> with(std::vector<std::string> arguments, int port) {
-    arguments.insert(arguments.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port)});
-    return arguments;
-  }
-
-  void waitUntilItAccepts() {
-    for (int i = 0; i < 1000; ++i) {
-      try {
-        const RawClient probe(port_);
-        return;
-      } catch (const std::runtime_error&) {
-        process_.waitForLine("never printed", 20ms);
-      }
-    }
-  }
-
-  mutable Process process_;
-  int port_ = 0;
-};
 
 std::vector<std::string> tagged(const std::vector<std::string>& lines) {
   std::vector<std::string> found;

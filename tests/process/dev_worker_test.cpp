@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "process/controller_process.h"
 #include "support/mock_peer.h"
 #include "support/process.h"
 #include "support/raw_client.h"
@@ -22,7 +23,6 @@ using nlohmann::json;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string kDevWorker = TAVREL_BUILD_DIR "/tavrel-dev-worker";
 const std::string kBody = R"({"messages":[{"role":"user","content":"one two three"}]})";
 const std::string kStreamBody =
     R"({"stream":true,"messages":[{"role":"user","content":"one two three"}]})";
