@@ -29,7 +29,7 @@ class ElasticPool {
     std::size_t wanted = 4;      ///< threads that are neither waiting nor resting
     std::size_t minimum = 2;     ///< below this many of them, a waiting thread is replaced
     std::size_t maximum = 4096;  ///< threads in all
-    std::chrono::seconds rest{10};
+    std::chrono::seconds rest{60};
     std::size_t stack_bytes = std::size_t{1} << 20;
   };
 

@@ -22,6 +22,9 @@ namespace {
 /// Bytes asked for in one read; the buffer lives on the stack for the length of the call.
 constexpr std::size_t kReadBytes = std::size_t{64} << 10;
 
+/// What surely fits the first packet of a request, on any network.
+constexpr std::size_t kOnePacket = 1200;
+
 WorkerIo fromWait(SocketWait outcome) {
   switch (outcome) {
     case SocketWait::kReady:
@@ -76,6 +79,7 @@ WorkerConnection::State::~State() {
 void WorkerConnection::State::closeSocket() {
   if (socket >= 0) ::close(socket);
   socket = -1;
+  no_delay = false;
 }
 
 void WorkerConnection::State::beginExchange() {
@@ -84,17 +88,29 @@ void WorkerConnection::State::beginExchange() {
   failure = WorkerIo::kOk;
   request_sent = false;
   answer_begun = false;
+  input_likely = false;
+}
+
+void WorkerConnection::State::sendWithoutDelay(std::size_t bytes) {
+  // A request that fits one packet is sent at once anyway.
+  if (no_delay || bytes <= kOnePacket) return;
+  const int on = 1;
+  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  no_delay = true;
 }
 
 WorkerIo WorkerConnection::State::connectTo(const SocketAddress& address,
                                             platform::SteadyTime deadline) {
   socket = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (socket < 0) return WorkerIo::kConnectFailed;
-  const int on = 1;
-  ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   if (::connect(socket, address.get(), address.length) == 0) return WorkerIo::kOk;
   // An interrupted connect goes on in the background like one in progress.
   if (errno != EINPROGRESS && errno != EINTR) return WorkerIo::kConnectFailed;
+  // On the same machine it is done by now: asking again is cheaper than to wait for it.
+  if (::connect(socket, address.get(), address.length) == 0 || errno == EISCONN) {
+    return WorkerIo::kOk;
+  }
+  if (errno != EALREADY && errno != EINTR) return WorkerIo::kConnectFailed;
 
   const auto outcome = waitForSocket(socket, POLLOUT, client, deadline);
   if (outcome == SocketWait::kClientGone) return WorkerIo::kClientGone;
@@ -105,12 +121,18 @@ WorkerIo WorkerConnection::State::connectTo(const SocketAddress& address,
   return error == 0 ? WorkerIo::kOk : WorkerIo::kConnectFailed;
 }
 
-/// One read from the worker, decoded into `body`. The socket is read before anything is waited for,
-/// so what came before a reset or a hang-up is never lost.
+/// One read from the worker, decoded into `body`. What came before a reset or a hang-up is never
+/// lost: a socket that is ready is read, whatever else the wait told.
 WorkerIo WorkerConnection::State::receive(std::string& body, platform::SteadyTime deadline) {
   char buffer[kReadBytes];
   while (true) {
+    // After a read that emptied the socket there is nothing to be had without waiting.
+    if (!input_likely) {
+      const auto outcome = waitForSocket(socket, POLLIN, client, deadline);
+      if (outcome != SocketWait::kReady) return fromWait(outcome);
+    }
     const ssize_t count = ::recv(socket, buffer, sizeof buffer, MSG_DONTWAIT);
+    input_likely = count == static_cast<ssize_t>(sizeof buffer);
     if (count > 0) {
       answer_begun = true;
       const auto state = parser.consume({buffer, static_cast<std::size_t>(count)}, body);
@@ -120,10 +142,7 @@ WorkerIo WorkerConnection::State::receive(std::string& body, platform::SteadyTim
       return parser.finish() == HttpResponseParser::State::kDone ? WorkerIo::kOk
                                                                  : WorkerIo::kClosed;
     }
-    if (errno == EINTR) continue;
-    if (!wouldBlock(errno)) return WorkerIo::kClosed;
-    const auto outcome = waitForSocket(socket, POLLIN, client, deadline);
-    if (outcome != SocketWait::kReady) return fromWait(outcome);
+    if (errno != EINTR && !wouldBlock(errno)) return WorkerIo::kClosed;
   }
 }
 
@@ -185,6 +204,7 @@ WorkerIo WorkerConnection::send(std::string_view head, std::string_view body,
   auto& state = *state_;
   if (state.parser.state() != HttpResponseParser::State::kHead) state.beginExchange();
   state.request_sent = false;
+  state.sendWithoutDelay(head.size() + body.size());
   Outgoing outgoing(head, body);
   while (!outgoing.done()) {
     const ssize_t count = outgoing.sendTo(state.socket);

@@ -22,6 +22,7 @@ struct WorkerConnection::State {
   void closeSocket();
   void beginExchange();
   WorkerIo connectTo(const SocketAddress& address, platform::SteadyTime deadline);
+  void sendWithoutDelay(std::size_t bytes);
   WorkerIo receive(std::string& body, platform::SteadyTime deadline);
   WorkerIo readMore(std::string& body, platform::SteadyTime deadline);
 
@@ -36,6 +37,8 @@ struct WorkerConnection::State {
   WorkerIo failure = WorkerIo::kOk;  // the one that ended the reading
   bool request_sent = false;         // to its last byte
   bool answer_begun = false;
+  bool input_likely = false;  // the last read may have left something
+  bool no_delay = false;      // TCP_NODELAY is set
 };
 
 }  // namespace tavrel::net
