@@ -14,7 +14,7 @@ using tavrel::worker::WorkerInfo;
 using tavrel::worker::WorkerRegistry;
 
 std::string idOf(std::int64_t number) {
-  char id[16];
+  char id[24];
   std::snprintf(id, sizeof id, "w%08lld", static_cast<long long>(number));
   return id;
 }

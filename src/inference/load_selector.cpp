@@ -14,10 +14,10 @@ LoadSelector::Rank LoadSelector::rankOf(const worker::WorkerInfo& worker,
 }
 
 const LoadSelector::Candidates::Group* LoadSelector::upToDate(const std::string& model) {
-  const auto& active_requests = active_requests_;
-  candidates_.refresh([&](const worker::WorkerInfo& worker) {
-    const auto found = active_requests.find(worker.worker_id);
-    return rankOf(worker, found == active_requests.end() ? 0 : found->second);
+  // The analysis does not see through the template that this runs under mu_.
+  candidates_.refresh([this](const worker::WorkerInfo& worker) TV_NO_ANALYSIS {
+    const auto found = active_requests_.find(worker.worker_id);
+    return rankOf(worker, found == active_requests_.end() ? 0 : found->second);
   });
   return candidates_.find(model);
 }
