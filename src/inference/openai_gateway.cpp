@@ -132,7 +132,7 @@ std::optional<OpenAiGateway::Result> OpenAiGateway::askWorkers(const Job& job) {
     const worker::WorkerInfo& worker = lease.worker();
     tried.push_back(worker.worker_id);
     net::WorkerAddress address{worker.ip_address, worker.port};
-    std::string backend = worker.backend_type.empty() ? "worker" : worker.backend_type;
+    std::string backend = worker.backend_type.empty() ? "unknown" : worker.backend_type;
     result = ask(job, {job.endpoint,
                        job.model,
                        worker.worker_id,

@@ -296,7 +296,7 @@ TEST_F(OpenAiRoutes, EventsReachTheClientAtOnceAndUnchanged) {
   gate.open();
   client->readUntil("\r\n0\r\n\r\n");
   EXPECT_EQ(post(kStreamBody)->body, first + rest + kDone);
-  EXPECT_THAT(metrics(), HasSubstr("{backend=\"worker\",model=\"m\",type=\"completion\"} 80"));
+  EXPECT_THAT(metrics(), HasSubstr("{backend=\"unknown\",model=\"m\",type=\"completion\"} 80"));
 }
 
 /// How a stream can go wrong after its first event.
