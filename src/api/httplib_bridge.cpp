@@ -11,6 +11,18 @@ namespace {
 
 thread_local Exchange* current_exchange = nullptr;
 
+void reportFailure(const std::string& method, const std::exception_ptr& error) {
+  std::string reason = "unknown exception";
+  try {
+    std::rethrow_exception(error);
+  } catch (const std::exception& known) {
+    reason = known.what();
+  } catch (...) {
+  }
+  platform::printError("[Controller] " + method + ' ' + current_exchange->path +
+                       " failed: " + reason);
+}
+
 /// Gives the library the connection's buffers in place of a socket.
 class BufferedStream final : public httplib::Stream {
  public:
@@ -62,15 +74,7 @@ HttplibBridge::HttplibBridge(Dispatch dispatch) : dispatch_(std::move(dispatch))
   set_socket_options(onlyReuseAddress);
   set_exception_handler(
       [](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
-        std::string reason = "unknown exception";
-        try {
-          std::rethrow_exception(std::move(error));
-        } catch (const std::exception& known) {
-          reason = known.what();
-        } catch (...) {
-        }
-        platform::printError("[Controller] " + request.method + ' ' + current_exchange->path +
-                             " failed: " + reason);
+        reportFailure(request.method, error);
         response.headers.clear();
         response.body.clear();
         response.status = 500;
@@ -94,6 +98,7 @@ HttplibBridge::HttplibBridge(Dispatch dispatch) : dispatch_(std::move(dispatch))
 }
 
 int HttplibBridge::bind(const std::string& host, int port, int& socket) {
+  if (port > 65535) return -1;  // the resolver would cut it down to another port
   const int bound = port == 0 ? bind_to_any_port(host) : (bind_to_port(host, port) ? port : -1);
   socket = svr_sock_;
   return bound;
@@ -110,9 +115,15 @@ bool HttplibBridge::serve(Connection& connection) {
   current_exchange = &exchange;
   BufferedStream stream(connection);
   bool asked_to_close = false;
-  const bool answered =
-      process_request(stream, /*close_connection=*/false, asked_to_close,
-                      [&](httplib::Request& request) { prepare(exchange, request); });
+  bool answered = false;
+  try {
+    answered = process_request(stream, /*close_connection=*/false, asked_to_close,
+                               [&](httplib::Request& request) { prepare(exchange, request); });
+  } catch (...) {
+    // The library lets pass what the body of a stream raises. The head is out: the client learns
+    // of it by the missing end of the body.
+    reportFailure("Stream", std::current_exception());
+  }
   current_exchange = nullptr;
   const bool sent = connection.flush();
   connection.skipArrivedBody();

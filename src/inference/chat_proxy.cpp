@@ -58,6 +58,29 @@ void writeStreamError(const ChatProxy::Write& write, std::string_view message) {
   write(event);
 }
 
+/// What a stream is asked for; nothing when it cannot be, which the client has then been told.
+std::optional<ChatRequest> readStreamRequest(const nlohmann::json* body,
+                                             const ChatProxy::Write& write) {
+  std::string error;
+  try {
+    if (body == nullptr) {
+      error = "Invalid JSON body";
+    } else if (asksForEnsemble(*body)) {
+      error =
+          "Ensemble mode does not support streaming. Use the non-streaming "
+          "/api/v1/chat/completions endpoint instead.";
+    } else if (chatMessages(*body) == nullptr) {
+      error = "messages array is required";
+    } else {
+      return ChatRequest::read(*body);
+    }
+  } catch (const nlohmann::json::type_error&) {
+    error = "A member of the request has the wrong type";
+  }
+  writeStreamError(write, error);
+  return std::nullopt;
+}
+
 }  // namespace
 
 ChatProxy::ChatProxy(ChatServices services, ChatTimeouts timeouts)
@@ -106,13 +129,9 @@ std::optional<ChatProxy::Routing> ChatProxy::applyExperts(ChatRequest& request,
   const auto expert = services_.experts.chooseForChat(question);
   if (!expert) return std::nullopt;
 
-  if (wantsScience(expert->categories)) {
-    const std::string url = services_.science_worker_url();
-    const std::string context =
-        url.empty() ? std::string() : scienceContext(services_.http, url, question);
-    if (!context.empty()) request.prependSystemMessage(context);
-  }
   const std::string score = "(score=" + std::to_string(expert->score) + ")";
+  std::optional<Routing> routing =
+      Routing{.strategy = "moe_routing", .reason = "MoE expert: " + expert->id + " " + score};
   const std::string matched = "[MoE] Query matched expert '" + expert->id + "' " + score;
   if (expert->model == request.model) {
     print(matched + ", keeping model: " + request.model);
@@ -122,9 +141,15 @@ std::optional<ChatProxy::Routing> ChatProxy::applyExperts(ChatRequest& request,
   } else {
     print("[MoE] No worker has expert model '" + expert->model +
           "', falling back to original model '" + request.model + "'");
-    return std::nullopt;
+    routing.reset();
   }
-  return Routing{.strategy = "moe_routing", .reason = "MoE expert: " + expert->id + " " + score};
+  if (wantsScience(expert->categories)) {
+    const std::string url = services_.science_worker_url();
+    const std::string context =
+        url.empty() ? std::string() : scienceContext(services_.http, url, question);
+    if (!context.empty()) request.prependSystemMessage(context);
+  }
+  return routing;
 }
 
 worker::WorkerPtr ChatProxy::chooseWorker(const std::string& model, Routing& routing) {
@@ -233,31 +258,25 @@ ChatReply ChatProxy::answerLocally(const ChatRequest& request, const Routing& ro
 
 void ChatProxy::stream(const nlohmann::json* body, const ChatCaller& caller, const Write& write) {
   const auto start = platform::steadyNow();
-  if (body == nullptr) return writeStreamError(write, "Invalid JSON body");
-  if (asksForEnsemble(*body)) {
-    return writeStreamError(write,
-                            "Ensemble mode does not support streaming. Use the non-streaming "
-                            "/api/v1/chat/completions endpoint instead.");
-  }
-  if (chatMessages(*body) == nullptr) return writeStreamError(write, "messages array is required");
-  const ChatRequest request = ChatRequest::read(*body);
-  const worker::WorkerPtr worker = selector_.first(request.model);
+  const std::optional<ChatRequest> request = readStreamRequest(body, write);
+  if (!request) return;
+  const worker::WorkerPtr worker = selector_.first(request->model);
   if (worker == nullptr) {
-    return writeStreamError(write, "No worker found with model: " + request.model);
+    return writeStreamError(write, "No worker found with model: " + request->model);
   }
   const net::WorkerAddress address{worker->ip_address, worker->port};
   net::WorkerConnection connection(caller.client_descriptor);
   if (connection.connect(address, timeouts_.worker_stream) != net::WorkerIo::kOk) {
     return writeStreamError(write, "Failed to connect to worker");
   }
-  const std::string text = request.workerBody(/*stream=*/true);
+  const std::string text = request->workerBody(/*stream=*/true);
   if (connection.send(net::workerPostHead(address, kWorkerPath, text.size(), /*keep_alive=*/false),
                       text, timeouts_.worker_stream) != net::WorkerIo::kOk) {
     return writeStreamError(write, "Failed to send request to worker");
   }
   if (relay(connection, write)) {
     services_.metrics.recordLlmInference(
-        request.model, worker->backend_type.empty() ? "unknown" : worker->backend_type, 0, 0,
+        request->model, worker->backend_type.empty() ? "unknown" : worker->backend_type, 0, 0,
         platform::millisecondsSince(start) / 1000);
   }
 }

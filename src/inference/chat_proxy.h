@@ -59,8 +59,9 @@ struct ChatReply {
 /// pick the worker, and the local model server steps in where no worker has the model.
 ///
 /// Threads: any number of requests at once, each on its caller's thread; no lock is held while a
-/// peer is waited for. Failure: told by the reply; only values of a wrong JSON type in the client's
-/// body throw (nlohmann's type_error). When the client leaves, the connection to the worker closes.
+/// peer is waited for. Failure: told by the reply; values of a wrong JSON type in the client's body
+/// throw out of complete (nlohmann's type_error). When the client leaves, the connection to the
+/// worker closes.
 class ChatProxy {
  public:
   explicit ChatProxy(ChatServices services, ChatTimeouts timeouts = {});

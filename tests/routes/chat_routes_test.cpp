@@ -206,6 +206,10 @@ TEST(ChatStream, ErrorsAreEvents) {
          "Ensemble mode does not support streaming. Use the non-streaming "
          "/api/v1/chat/completions endpoint instead.");
   expect(R"({"messages":[]})", "messages array is required");
+  for (const char* body : {R"({"model":5,"messages":[1]})", R"({"ensemble_mode":"yes"})",
+                           R"({"messages":[1],"temperature":"hot"})"}) {
+    expect(body, "A member of the request has the wrong type");
+  }
   expect(R"({"model":"\"x","messages":[1]})", "No worker found with model: \\\"x");
   expect(kHello, "Failed to connect to worker");
 }

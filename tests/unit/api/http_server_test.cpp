@@ -6,6 +6,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <set>
+#include <stdexcept>
 #include <thread>
 
 #include "platform/blocking.h"
@@ -262,6 +263,21 @@ TEST(HttpServer, AStreamReachesTheClientPieceByPieceAndNoticesItsLeaving) {
   EXPECT_TRUE(noticed);
 }
 
+TEST(HttpServer, AStreamThatFailsEndsWithoutItsEndAndHurtsNobodyElse) {
+  const TestServer server([](HttpServer& s) {
+    s.getStream("/stream", [](Context&, const Request&, StreamWriter& writer) {
+      writer.write("data: one\n\n");
+      throw std::runtime_error("no second");
+    });
+  });
+  RawClient client(server.port());
+  client.send("GET /stream HTTP/1.1\r\n\r\n");
+  const std::string all = client.readAll();
+  EXPECT_NE(all.find("data: one\n\n"), std::string::npos);
+  EXPECT_EQ(all.find("\r\n0\r\n"), std::string::npos);
+  EXPECT_EQ(server.client().Get("/nothing")->status, 404);
+}
+
 TEST(HttpServer, BlockedHandlersDoNotKeepOthersWaiting) {
   Gate gate;
   std::atomic<int> waiting{0};
@@ -324,7 +340,7 @@ TEST(HttpServer, StopEndsStreamsAtOnceAndLetsRequestsFinish) {
   EXPECT_TRUE(idle.closedWithin(1s));
 }
 
-TEST(HttpServer, ATakenPortFailsTheStart) {
+TEST(HttpServer, ATakenOrImpossiblePortFailsTheStart) {
   const TestServer first(addEchoRoutes);
   HttpServer second;
   ServerConfig config;
@@ -333,6 +349,9 @@ TEST(HttpServer, ATakenPortFailsTheStart) {
   second.configure(config);
   EXPECT_FALSE(second.start());
   EXPECT_FALSE(second.isRunning());
+  config.port = 65536 + 8080;  // must not come out as 8080
+  second.configure(config);
+  EXPECT_FALSE(second.start());
 }
 
 }  // namespace
