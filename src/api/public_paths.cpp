@@ -135,6 +135,9 @@ const std::vector<std::string>& publicPaths() {
       "/v1/chat/completions",
       "/api/v1/chat/completions",
       "/api/v1/chat/completions/stream",
+      // Additions: as open as the chat completions beside them.
+      "/v1/completions",
+      "/v1/embeddings",
   };
   return kPaths;
 }

@@ -445,8 +445,8 @@ constexpr CatalogueRow kCatalogue[] = {
 
     // Additions: the surface that OpenAI clients speak.
     {"POST", "/v1/chat/completions", kPlain, kOpen},
-    {"POST", "/v1/completions", kPlain, kGuarded},
-    {"POST", "/v1/embeddings", kPlain, kGuarded},
+    {"POST", "/v1/completions", kPlain, kOpen},
+    {"POST", "/v1/embeddings", kPlain, kOpen},
 };
 // clang-format on
 
