@@ -46,6 +46,10 @@ Request buildRequest(const Exchange& exchange, const httplib::Request& from) {
   }
   if (!exchange.content_type.empty()) request.headers["Content-Type"] = exchange.content_type;
   for (const auto& [name, value] : from.params) request.query[name] = value;
+  const std::size_t mark = request.path.find('?');  // sent percent-encoded
+  if (request.query.empty() && mark != std::string::npos) {
+    request.query = parseQueryParams(request.path.substr(mark + 1));
+  }
   return request;
 }
 

@@ -57,7 +57,7 @@ void RouteTable::search(const Node& node, std::string_view rest, std::size_t& be
   const std::string_view segment = takeSegment(rest);
   const auto literal = node.literal.find(std::string(segment));
   if (literal != node.literal.end()) search(*literal->second, rest, best);
-  if (node.parameter != nullptr && !segment.empty()) search(*node.parameter, rest, best);
+  if (node.parameter != nullptr) search(*node.parameter, rest, best);
 }
 
 RouteTable::Params RouteTable::readParams(const std::string& pattern, std::string_view path) {

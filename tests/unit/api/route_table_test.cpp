@@ -29,8 +29,9 @@ TEST_F(RouteTableTest, SegmentsMatchWhole) {
   add("GET", "/api/v1/storage/:tenant_id/*");
   EXPECT_EQ(find("GET", "/api/v1/workers/w1"), "0 worker_id=w1");
   EXPECT_EQ(find("GET", "/api/v1/workers/w1/x"), "none");
-  EXPECT_EQ(find("GET", "/api/v1/workers/"), "none");
+  EXPECT_EQ(find("GET", "/api/v1/workers/"), "0 worker_id=");
   EXPECT_EQ(find("GET", "/api/v1/workers"), "none");
+  EXPECT_EQ(find("GET", "/api/v1/workers/w1/"), "none");
   EXPECT_EQ(find("GET", "/api/v1/workers/w1/heartbeat"), "none");
   EXPECT_EQ(find("POST", "/api/v1/workers/a.b%/heartbeat"), "1 worker_id=a.b%");
   EXPECT_EQ(find("GET", "/api/v1/storage/t/*"), "2 tenant_id=t");
