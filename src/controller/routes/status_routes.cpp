@@ -13,6 +13,7 @@
 #include "platform/text.h"
 #include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
+#include "worker/worker_url.h"
 
 namespace tavrel::controller {
 namespace {
@@ -86,10 +87,11 @@ std::string workerComponentStatus(worker::WorkerStatus status) {
 }
 
 nlohmann::json component(const worker::WorkerInfo& worker) {
+  const std::string& host = worker.ip_address.empty() ? worker.hostname : worker.ip_address;
   return {{"type", "worker"},
           {"name", worker.worker_name},
           {"hostname", worker.hostname},
-          {"url", "http://" + worker.ip_address + ':' + std::to_string(worker.port)},
+          {"url", host.empty() ? "" : worker::httpUrl(host, worker.port)},
           {"status", workerComponentStatus(worker.status)},
           {"last_heartbeat", platform::toEpochSeconds(worker.last_heartbeat)},
           {"mode", worker.worker_type},
