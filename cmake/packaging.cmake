@@ -1,6 +1,9 @@
 # Install rules and the Debian package: cpack --config build/release/CPackConfig.cmake
 include(GNUInstallDirs)
 
+# Packaging takes what is built; it does not build tests and benchmarks first.
+set(CMAKE_SKIP_INSTALL_ALL_DEPENDENCY ON)
+
 install(TARGETS tavrel-controller RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 install(FILES packaging/tavrel-controller.service DESTINATION lib/systemd/system)
 install(FILES packaging/controller.env DESTINATION /etc/tavrel

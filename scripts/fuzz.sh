@@ -10,8 +10,8 @@ trap 'rm -rf "$scratch"' EXIT
 ran=0
 while IFS= read -r target; do
   name=$(basename "$target")
-  seeds=fuzz/corpus/${name#fuzz_}
-  mkdir -p "$scratch/$name" "$seeds"
+  seeds=fuzz/corpus/$name
+  mkdir -p "$scratch/$name"
   echo "Fuzzing $name for $seconds s…"
   "$target" -max_total_time="$seconds" -timeout=10 -rss_limit_mb=2048 -verbosity=0 \
     -artifact_prefix="$scratch/$name-" "$scratch/$name" "$seeds" || {
@@ -21,5 +21,5 @@ while IFS= read -r target; do
     exit 1
   }
   ran=$((ran + 1))
-done < <(find build/fuzz -type f -name 'fuzz_*' -executable | sort)
+done < <(find build/fuzz -type f -name '*_fuzz' -executable | sort)
 ((ran > 0)) || { echo "No fuzz target is built: cmake --build --preset fuzz" >&2; exit 1; }

@@ -4,6 +4,8 @@
 # It listens on loopback only; BIND=0.0.0.0 opens it to the network, without authentication.
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+quiet=--quiet
+if [[ -t 1 ]]; then quiet=; fi  # a person sees the build advance
 
 port=${1:-${PORT:-8080}}
 bind=${BIND:-127.0.0.1}
@@ -20,7 +22,7 @@ fi
 scripts/install-deps.sh --run
 echo "Building…"
 cmake --preset release >/dev/null
-cmake --build --preset release --target tavrel-controller tavrel-dev-worker -- --quiet
+cmake --build --preset release --target tavrel-controller tavrel-dev-worker -- ${quiet:+"$quiet"}
 
 logs=$(mktemp -d "${TMPDIR:-/tmp}/tavrel-run.XXXXXX")
 pids=()

@@ -5,6 +5,8 @@
 #   --fuzz-seconds N    also every fuzz target for N seconds
 set -euo pipefail
 cd "$(dirname "${BASH_SOURCE[0]}")/.."
+quiet=--quiet
+if [[ -t 1 ]]; then quiet=; fi  # a person sees the build advance
 
 presets=(release)
 fuzz_seconds=0
@@ -31,13 +33,13 @@ fi
 for preset in "${presets[@]}"; do
   echo "Building $preset…"
   cmake --preset "$preset" >/dev/null
-  cmake --build --preset "$preset" -- --quiet
+  cmake --build --preset "$preset" -- ${quiet:+"$quiet"}
 done
 
 if ((fuzz_seconds > 0)) && [[ -d fuzz ]]; then
   echo "Building fuzz…"
   cmake --preset fuzz >/dev/null
-  cmake --build --preset fuzz -- --quiet
+  cmake --build --preset fuzz -- ${quiet:+"$quiet"}
   scripts/fuzz.sh "$fuzz_seconds"
 fi
 
