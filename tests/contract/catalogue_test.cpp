@@ -12,7 +12,9 @@
 namespace tavrel::controller {
 namespace {
 
-api::Response nothing(api::Context&, const api::Request&) { return {}; }
+api::Response nothing(api::Context&, const api::Request&) {
+  return {};
+}
 
 TEST(Catalogue, EveryRouteIsOfferedOrListedAndInOrder) {
   Services services{Options{}};
@@ -24,8 +26,7 @@ TEST(Catalogue, EveryRouteIsOfferedOrListedAndInOrder) {
   for (std::size_t i = 0; i < catalogue().size(); ++i) {
     EXPECT_EQ(server.routes()[i].method, catalogue()[i].method);
     EXPECT_EQ(server.routes()[i].pattern, catalogue()[i].pattern);
-    EXPECT_EQ(server.routes()[i].stream_handler != nullptr,
-              catalogue()[i].kind == Kind::kStream);
+    EXPECT_EQ(server.routes()[i].stream_handler != nullptr, catalogue()[i].kind == Kind::kStream);
   }
 }
 
@@ -46,7 +47,8 @@ TEST(Catalogue, EveryRouteIsReachedUnderItsPath) {
   const test::TestServer server([&](api::HttpServer& s) {
     for (const CatalogueRow& row : catalogue()) {
       const std::string name = std::string(row.method) + ' ' + std::string(row.pattern);
-      s.addRoute({std::string(row.method), std::string(row.pattern),
+      s.addRoute({std::string(row.method),
+                  std::string(row.pattern),
                   [name](api::Context&, const api::Request&) {
                     return api::Response::text(name, "text/plain");
                   },

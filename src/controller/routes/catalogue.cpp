@@ -452,6 +452,8 @@ constexpr CatalogueRow kCatalogue[] = {
 
 }  // namespace
 
-std::span<const CatalogueRow> catalogue() { return kCatalogue; }
+std::span<const CatalogueRow> catalogue() {
+  return kCatalogue;
+}
 
 }  // namespace tavrel::controller

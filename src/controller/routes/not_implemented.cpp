@@ -342,6 +342,8 @@ constexpr std::string_view kNotImplementedYet[] = {
 
 }  // namespace
 
-std::span<const std::string_view> notImplementedYet() { return kNotImplementedYet; }
+std::span<const std::string_view> notImplementedYet() {
+  return kNotImplementedYet;
+}
 
 }  // namespace tavrel::controller

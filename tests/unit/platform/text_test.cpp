@@ -17,7 +17,7 @@ TEST(Text, WhatIsNotUtf8IsReplacedByteByByte) {
   EXPECT_EQ(replaceInvalidUtf8("ok ñ 日 😀"), "ok ñ 日 😀");
   EXPECT_EQ(replaceInvalidUtf8("a\xFFz"), "a" + mark + "z");
   EXPECT_EQ(replaceInvalidUtf8("\xC3"), mark);
-  EXPECT_EQ(replaceInvalidUtf8("\xC0\xAF"), mark + mark);          // overlong
+  EXPECT_EQ(replaceInvalidUtf8("\xC0\xAF"), mark + mark);             // overlong
   EXPECT_EQ(replaceInvalidUtf8("\xED\xA0\x80"), mark + mark + mark);  // surrogate
   EXPECT_EQ(replaceInvalidUtf8("\xF4\x90\x80\x80"), mark + mark + mark + mark);
 }
