@@ -247,7 +247,8 @@ void ConnectionEngine::interruptAll(bool all) {
 void ConnectionEngine::stop(std::chrono::milliseconds grace,
                             const std::function<void()>& on_grace_over) {
   if (stopping_.exchange(true)) return;
-  if (listener_ >= 0) ::close(listener_);
+  // Refuses new connections; the descriptor stays until no thread can be using it any more.
+  if (listener_ >= 0) ::shutdown(listener_, SHUT_RDWR);
   const std::uint64_t one = 1;
   [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
   pool_.requestStop();
@@ -260,6 +261,7 @@ void ConnectionEngine::stop(std::chrono::milliseconds grace,
       platform::printError("[Controller] Still waiting for running requests to end");
     }
   }
+  if (listener_ >= 0) ::close(listener_);
   const platform::MutexLock lock(mutex_);
   connections_.clear();
 }

@@ -1,6 +1,8 @@
 #include "controller/background_loops.h"
 
 #include <algorithm>
+#include <cstdint>
+#include <limits>
 #include <string>
 
 #include "platform/console.h"
@@ -20,7 +22,7 @@ class ClusterSum {
     ++workers_;
     cpu_ += metrics.cpu_usage;
     point_.cpu_max_usage = std::max(point_.cpu_max_usage, metrics.cpu_usage);
-    point_.total_cores += metrics.cpu_cores;
+    cores_ += metrics.cpu_cores;
     point_.memory_total += metrics.memory_total;
     point_.memory_used += metrics.memory_used;
     if (metrics.memory_total > 0) {
@@ -37,6 +39,8 @@ class ClusterSum {
 
   metrics::ClusterMetricsDataPoint point() const {
     metrics::ClusterMetricsDataPoint point = point_;
+    point.total_cores = static_cast<std::int32_t>(
+        std::clamp<std::int64_t>(cores_, 0, std::numeric_limits<std::int32_t>::max()));
     if (workers_ > 0) {
       point.cpu_avg_usage = static_cast<float>(cpu_ / workers_);
       point.memory_avg_usage = static_cast<float>(memory_percent_ / workers_);
@@ -48,6 +52,7 @@ class ClusterSum {
  private:
   metrics::ClusterMetricsDataPoint point_;
   int workers_ = 0;
+  std::int64_t cores_ = 0;
   double cpu_ = 0;
   double memory_percent_ = 0;
   double gpu_ = 0;

@@ -8,11 +8,12 @@
 namespace tavrel::controller {
 
 void printBanner() {
-  platform::printLine(R"( _____                    _
+  platform::printText(R"( _____                    _
 |_   _|_ ___   ___ __ ___| |
   | |/ _` \ \ / / '__/ _ \ |
   | | (_| |\ V /| | |  __/ |
   |_|\__,_| \_/ |_|  \___|_|
+
 )");
   platform::printLine(std::string("  Version: ") + kVersion);
   platform::printLine("  Controller Edition");

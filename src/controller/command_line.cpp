@@ -195,7 +195,7 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments) {
     if (++i == arguments.size()) break;  // an option without its value ends the reading
     const std::string& value = arguments[i];
     if (argument == "--tier") {
-      if (!readTier(value, options.tier)) return exitWith(1, "Invalid tier: " + value + "\n");
+      if (!readTier(value, options.tier)) return exitWith(1, "Invalid tier: " + value);
     } else {
       store(option->second, value, options);
       if (argument == "--auth-mode" && (value == "admin" || value == "full")) {

@@ -65,7 +65,7 @@ struct Options {
 struct CommandLine {
   Options options;
   std::optional<int> exit_status;
-  std::string text;  ///< for standard output when the status is 0, else for standard error
+  std::string text;  ///< for standard output when the status is 0, else a line for standard error
 };
 
 /// Reads the arguments (without the program's name). Never fails on what it does not know: unknown

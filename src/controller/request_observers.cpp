@@ -28,13 +28,6 @@ void whenDone(api::Response& response, Done done) {
   };
 }
 
-/// The path as sent may hold line ends or escape sequences: nothing of that may reach the console.
-void appendPrintable(std::string& line, const std::string& path) {
-  for (const char c : path) {
-    line.push_back(static_cast<unsigned char>(c) < 0x20 || c == 0x7F ? '?' : c);
-  }
-}
-
 void logRequest(const std::string& intro, platform::SteadyTime start, int status) {
   std::array<char, 32> elapsed{};
   const auto end = std::to_chars(elapsed.data(), elapsed.data() + elapsed.size(),
@@ -51,8 +44,7 @@ void logRequest(const std::string& intro, platform::SteadyTime start, int status
 api::Middleware requestLogger() {
   return [](api::Context& context, const api::Request& request, const api::Handler& next) {
     api::Response response = next(context, request);
-    std::string intro = '[' + context.request_id + "] " + request.method + ' ';
-    appendPrintable(intro, request.path);
+    std::string intro = '[' + context.request_id + "] " + request.method + ' ' + request.path;
     whenDone(response, [intro = std::move(intro), start = context.start_time](int status) {
       logRequest(intro, start, status);
     });

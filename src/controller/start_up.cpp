@@ -178,8 +178,8 @@ int runController(const std::vector<std::string>& arguments) {
   printBanner();
   const CommandLine command_line = parseCommandLine(arguments);
   if (command_line.exit_status) {
-    const std::string text = command_line.text.substr(0, command_line.text.size() - 1);
-    *command_line.exit_status == 0 ? printLine(text) : printError(text);
+    *command_line.exit_status == 0 ? platform::printText(command_line.text)
+                                   : printError(command_line.text);
     return *command_line.exit_status;
   }
   const Options& options = command_line.options;

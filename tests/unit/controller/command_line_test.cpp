@@ -39,7 +39,7 @@ TEST(CommandLine, AuthModesThatNeedCredentialsRequireThem) {
 TEST(CommandLine, HelpAndAWrongTierEndTheProgramAtOnce) {
   const CommandLine wrong = parseCommandLine({"--tier", "primary", "--tier", "bogus", "--help"});
   EXPECT_EQ(wrong.exit_status, 1);
-  EXPECT_EQ(wrong.text, "Invalid tier: bogus\n");
+  EXPECT_EQ(wrong.text, "Invalid tier: bogus");
   const CommandLine help = parseCommandLine({"--port", "1", "--help", "--tier", "bogus"});
   EXPECT_EQ(help.exit_status, 0);
   EXPECT_EQ(help.text.find("Usage: tavrel-controller [options]\nOptions:\n  -p, --port"), 0U);
