@@ -34,6 +34,7 @@ void chooseByLoad(benchmark::State& state) {
   WorkerRegistry registry;
   fill(registry, state.range(0), true);
   LoadSelector selector(registry);
+  selector.select("model");  // the first one takes all the workers in
   for (auto _ : state) benchmark::DoNotOptimize(selector.select("model"));
 }
 
@@ -41,6 +42,7 @@ void chooseInTurn(benchmark::State& state) {
   WorkerRegistry registry;
   fill(registry, state.range(0), false);
   LoadSelector selector(registry);
+  selector.select("model");  // the first one takes all the workers in
   for (auto _ : state) benchmark::DoNotOptimize(selector.select("model"));
 }
 
@@ -61,8 +63,29 @@ void chooseAfterAHeartbeat(benchmark::State& state) {
   }
 }
 
+/// A pause so long that every worker sent a heartbeat meanwhile.
+void chooseAfterAPause(benchmark::State& state) {
+  WorkerRegistry registry;
+  fill(registry, state.range(0), true);
+  LoadSelector selector(registry);
+  selector.select("model");
+  float load = 0;
+  for (auto _ : state) {
+    state.PauseTiming();
+    load = load < 80 ? load + 1 : 1;
+    for (std::int64_t i = 0; i < state.range(0); ++i) {
+      registry.update(idOf(i), [&](WorkerInfo& info) {
+        info.metrics.cpu_usage = load + static_cast<float>(i % 7);
+      });
+    }
+    state.ResumeTiming();
+    benchmark::DoNotOptimize(selector.select("model"));
+  }
+}
+
 BENCHMARK(chooseByLoad)->Arg(10)->Arg(1000)->Arg(100'000);
 BENCHMARK(chooseInTurn)->Arg(10)->Arg(1000)->Arg(100'000);
 BENCHMARK(chooseAfterAHeartbeat)->Arg(10)->Arg(1000)->Arg(100'000);
+BENCHMARK(chooseAfterAPause)->Arg(10)->Arg(1000)->Arg(100'000);
 
 }  // namespace

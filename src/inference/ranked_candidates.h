@@ -60,11 +60,9 @@ class RankedCandidates {
     if (registry_.version() == seen_) return;
     bool complete = false;
     seen_ = registry_.changesSince(seen_, changes_, &complete);
-    if (complete) {
-      slots_.clear();
-      groups_.clear();
-    }
+    if (complete) ++load_;
     for (worker::WorkerChange& change : changes_) apply(change, rank_of);
+    if (complete) dropUnlisted();
     changes_.clear();
   }
 
@@ -88,6 +86,7 @@ class RankedCandidates {
  private:
   struct Slot : Candidate {
     std::vector<Group*> groups;
+    std::uint64_t load = 0;  // the last full load that listed the worker, or later
   };
 
   static bool isCounted(const Rank& rank) {
@@ -109,6 +108,8 @@ class RankedCandidates {
       return;
     }
     Slot& slot = it->second;
+    slot.load = load_;
+    if (slot.worker == change.worker) return;
     if (!usable) {
       leaveGroups(slot);
       slots_.erase(it);
@@ -130,7 +131,20 @@ class RankedCandidates {
     Slot& slot = slots_[worker->worker_id];
     slot.worker = std::move(worker);
     slot.rank = std::move(rank);
+    slot.load = load_;
     joinGroups(slot);
+  }
+
+  /// After a full load, which is every record there is: what it did not list has left.
+  void dropUnlisted() {
+    for (auto it = slots_.begin(); it != slots_.end();) {
+      if (it->second.load == load_) {
+        ++it;
+        continue;
+      }
+      leaveGroups(it->second);
+      it = slots_.erase(it);
+    }
   }
 
   void joinGroups(Slot& slot) {
@@ -188,6 +202,7 @@ class RankedCandidates {
 
   const worker::WorkerRegistry& registry_;
   std::uint64_t seen_ = 0;
+  std::uint64_t load_ = 0;                         // counts the full loads
   std::unordered_map<std::string, Slot> slots_;    // by worker id
   std::unordered_map<std::string, Group> groups_;  // by model
   std::vector<worker::WorkerChange> changes_;      // kept for its memory
