@@ -21,16 +21,20 @@ constexpr std::size_t kReceiveBytes = 64 << 10;
 constexpr std::size_t kSendThreshold = 64 << 10;
 /// A body may take longer than the read timeout as long as it arrives at this pace.
 constexpr std::uint64_t kMinimumBodyBytesPerSecond = 16 << 10;
+/// So much of a body is collected while the connection is parked.
+constexpr std::uint64_t kMaxParkedBody = 256 << 10;
 
 constexpr std::int64_t kActive = std::numeric_limits<std::int64_t>::max();
 constexpr std::int64_t kExpired = -1;
 
 }  // namespace
 
-Connection::Connection(int socket, std::string remote_address, Timeouts timeouts)
+Connection::Connection(int socket, std::string remote_address, Timeouts timeouts,
+                       ClientBudget& budget)
     : socket_(socket),
       remote_address_(std::move(remote_address)),
       timeouts_(timeouts),
+      budget_(budget),
       deadline_(kActive) {}
 
 Connection::~Connection() {
@@ -62,32 +66,61 @@ Connection::Arrival Connection::receive() {
   }
 }
 
+const RequestHead& Connection::scanHead(const HeadLimits& limits) {
+  if (head_waits_) return head_;
+  head_ = scanRequestHead(pending(), limits, searched_);
+  if (head_.state != RequestHead::State::kComplete) return head_;
+  // From the last to the first, which leaves the positions before valid.
+  for (auto line = head_.unwanted.rbegin(); line != head_.unwanted.rend(); ++line) {
+    input_.erase(read_at_ + line->first, line->second);
+    head_.size -= line->second;
+  }
+  searched_ = 0;
+  head_waits_ = true;
+  request_started_ = platform::steadyNow();
+  return head_;
+}
+
+bool Connection::awaitsBody() const {
+  return head_waits_ && !head_.chunked && !head_.expects_continue &&
+         pending().size() < head_.size + std::min(head_.content_length, kMaxParkedBody);
+}
+
 platform::SteadyTime Connection::parkingDeadline(platform::SteadyTime now,
                                                  std::chrono::milliseconds timeout) {
   if (!hasInput()) return now + timeout;
+  if (head_waits_) return bodyDeadline(request_started_, pending().size());
   if (head_started_ == platform::SteadyTime{}) head_started_ = now;
   return head_started_ + timeout;
 }
 
-void Connection::beginRequest(const RequestHead& head) {
-  head_ = head;
+void Connection::beginRequest() {
+  head_waits_ = false;
   request_bytes_read_ = 0;
-  chunked_body_read_ = false;
-  body_timed_out_ = false;
-  searched_ = 0;
+  framing_ = {};
+  body_failure_ = 400;
   head_started_ = {};
   request_started_ = platform::steadyNow();
 }
 
 bool Connection::requestConsumed() const {
-  if (head_.chunked) return chunked_body_read_;
+  if (head_.chunked) return framing_.ended();
   return request_bytes_read_ == head_.size + head_.content_length;
 }
 
-platform::SteadyTime Connection::bodyDeadline() const {
+platform::SteadyTime Connection::bodyDeadline(platform::SteadyTime started,
+                                              std::uint64_t arrived) const {
   const auto at_minimum_pace =
-      std::chrono::milliseconds(request_bytes_read_ * 1000 / kMinimumBodyBytesPerSecond);
-  return request_started_ + std::max<std::chrono::milliseconds>(timeouts_.read, at_minimum_pace);
+      std::chrono::milliseconds(arrived * 1000 / kMinimumBodyBytesPerSecond);
+  return started + std::max<std::chrono::milliseconds>(timeouts_.read, at_minimum_pace);
+}
+
+/// Takes note of the bytes that are about to be read.
+bool Connection::followsFraming(std::string_view bytes) {
+  const std::uint64_t head_left =
+      head_.size - std::min<std::uint64_t>(head_.size, request_bytes_read_);
+  bytes.remove_prefix(static_cast<std::size_t>(std::min<std::uint64_t>(head_left, bytes.size())));
+  return !head_.chunked || framing_.take(bytes);
 }
 
 std::ptrdiff_t Connection::read(char* to, std::size_t size) {
@@ -101,12 +134,15 @@ std::ptrdiff_t Connection::read(char* to, std::size_t size) {
     if (!flush()) return -1;  // the peer may be waiting for "100 Continue"
     const Arrival arrival = receive();
     if (arrival == Arrival::kClosed) return 0;
-    if (arrival == Arrival::kNothing && !waitFor(POLLIN, bodyDeadline())) {
-      body_timed_out_ = true;
+    if (arrival == Arrival::kBytes) break;
+    const Wait wait = waitFor(POLLIN, bodyDeadline(request_started_, request_bytes_read_));
+    if (wait != Wait::kReady) {
+      body_failure_ = wait == Wait::kTimedOut ? 408 : 503;
       return -1;
     }
   }
   const std::size_t count = std::min(size, input_.size() - read_at_);
+  if (!followsFraming(pending().substr(0, count))) return -1;
   std::memcpy(to, input_.data() + read_at_, count);
   read_at_ += count;
   request_bytes_read_ += count;
@@ -123,23 +159,32 @@ void Connection::skipArrivedBody() {
 
 bool Connection::write(std::string_view bytes) {
   if (broken_) return false;
+  if (bytes.size() >= kSendThreshold) return flush() && sendAll(bytes);
   output_.append(bytes);
   return output_.size() < kSendThreshold || flush();
 }
 
 bool Connection::flush() {
-  std::string_view rest = output_;
+  const bool sent = sendAll(output_);
+  output_.clear();
+  return sent;
+}
+
+bool Connection::sendAll(std::string_view rest) {
+  std::size_t charged = 0;  // an answer that is not read counts with what was left at first
   while (!broken_ && !rest.empty()) {
     const ssize_t sent = ::send(socket_, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
     if (sent > 0) {
       rest.remove_prefix(static_cast<std::size_t>(sent));
     } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
-      broken_ = !waitFor(POLLOUT, platform::steadyNow() + timeouts_.write);
+      if (charged == 0 && budget_.takeMemory(rest.size())) charged = rest.size();
+      broken_ =
+          charged == 0 || waitFor(POLLOUT, platform::steadyNow() + timeouts_.write) != Wait::kReady;
     } else if (errno != EINTR) {
       broken_ = true;
     }
   }
-  output_.clear();
+  budget_.giveMemory(charged);
   return !broken_;
 }
 
@@ -150,25 +195,34 @@ void Connection::linger(std::chrono::milliseconds time) {
   while (arrival != Arrival::kClosed && platform::steadyNow() < deadline) {
     input_.clear();
     read_at_ = 0;
-    if (arrival == Arrival::kNothing && !waitFor(POLLIN, deadline)) return;
+    if (arrival == Arrival::kNothing && waitFor(POLLIN, deadline) != Wait::kReady) return;
     arrival = receive();
   }
 }
 
-bool Connection::waitFor(short events, platform::SteadyTime deadline) const {
+Connection::Wait Connection::waitFor(short events, platform::SteadyTime deadline) {
+  // A stream holds its thread anyway, and was counted when it began.
+  const bool counted = !streaming_.load(std::memory_order_relaxed);
+  if (counted && !budget_.takeWait()) return Wait::kRefused;
+  const Wait outcome = pollUntil(events, deadline);
+  if (counted) budget_.giveWait();
+  return outcome;
+}
+
+Connection::Wait Connection::pollUntil(short events, platform::SteadyTime deadline) const {
   const platform::BlockingScope blocking;
   for (;;) {
     // A stopping server waits for nobody: neither for more of a body nor for a slow reader.
-    if (interrupted_.load(std::memory_order_relaxed)) return false;
+    if (interrupted_.load(std::memory_order_relaxed)) return Wait::kTimedOut;
     const auto left =
         std::chrono::ceil<std::chrono::milliseconds>(deadline - platform::steadyNow());
-    if (left.count() <= 0) return false;
+    if (left.count() <= 0) return Wait::kTimedOut;
     pollfd entry{socket_, events, 0};
     // Short waits, because an interruption while waiting for room to write raises no event.
     const int ready =
         ::poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 500)));
-    if (ready > 0) return true;
-    if (ready < 0 && errno != EINTR) return false;
+    if (ready > 0) return Wait::kReady;
+    if (ready < 0 && errno != EINTR) return Wait::kTimedOut;
   }
 }
 

@@ -7,6 +7,8 @@
 #include <string>
 #include <string_view>
 
+#include "api/chunk_framing.h"
+#include "api/client_budget.h"
 #include "api/client_connection.h"
 #include "api/request_head.h"
 #include "platform/clock.h"
@@ -24,7 +26,8 @@ class Connection final : public ClientConnection {
     std::chrono::milliseconds write;  ///< without progress
   };
 
-  Connection(int socket, std::string remote_address, Timeouts timeouts);
+  /// `budget` must outlive the connection.
+  Connection(int socket, std::string remote_address, Timeouts timeouts, ClientBudget& budget);
   ~Connection() override;
   Connection(const Connection&) = delete;
   Connection& operator=(const Connection&) = delete;
@@ -38,22 +41,24 @@ class Connection final : public ClientConnection {
   /// Moves what has arrived to the input, without waiting.
   Arrival receive();
   /// The state of the request at the front of the input.
-  RequestHead scanHead(const HeadLimits& limits) {
-    return scanRequestHead(pending(), limits, searched_);
-  }
+  const RequestHead& scanHead(const HeadLimits& limits);
+  /// True while the request whose head was scanned lacks its body, or the beginning of a large one,
+  /// which is waited for in parking, without a thread.
+  bool awaitsBody() const;
   bool hasInput() const { return read_at_ < input_.size(); }
   /// When a parked connection is to be given up: `timeout` after now while nothing has arrived,
-  /// else after the first byte of the request that has not arrived whole.
+  /// else after the first byte of the head that has not arrived whole, or as bodies are.
   platform::SteadyTime parkingDeadline(platform::SteadyTime now, std::chrono::milliseconds timeout);
-  /// Marks the start of a request that is about to be read: its framing tells the end of its body.
-  void beginRequest(const RequestHead& head);
+  /// Marks the start of reading the request whose head was scanned: its framing tells the end of
+  /// its body.
+  void beginRequest();
   /// True when the request was read to its end, so that the next bytes are the next request.
   bool requestConsumed() const;
 
   // The HTTP library's side. Both wait where they must.
   /// At most `size` bytes of the request; 0 or less when no more can be had.
   std::ptrdiff_t read(char* to, std::size_t size);
-  /// Collects bytes to send; sends what is more than a few packets.
+  /// Collects bytes to send; sends what is more than a few packets at once, from where it lies.
   bool write(std::string_view bytes);
   /// Sends everything collected. False once the peer does not take it any more.
   bool flush();
@@ -65,11 +70,10 @@ class Connection final : public ClientConnection {
   /// passed.
   void linger(std::chrono::milliseconds time);
 
-  /// Called when the chunked body's end was seen (the library tells no length for those).
-  void markChunkedBodyRead() { chunked_body_read_ = true; }
   /// Set while a streamed answer is being sent.
   void setStreaming(bool streaming) { streaming_.store(streaming, std::memory_order_relaxed); }
-  bool bodyTimedOut() const { return body_timed_out_; }
+  /// The status for a body that could not be read.
+  int bodyFailure() const { return body_failure_; }
 
   // Parking. `deadline` in nanoseconds of the steady clock; the last two are called by
   // housekeeping.
@@ -82,12 +86,18 @@ class Connection final : public ClientConnection {
 
  private:
   std::string_view pending() const { return std::string_view(input_).substr(read_at_); }
-  bool waitFor(short events, platform::SteadyTime deadline) const;
-  platform::SteadyTime bodyDeadline() const;
+  enum class Wait { kReady, kTimedOut, kRefused };
+  /// Refused when too many threads wait for slow clients already.
+  Wait waitFor(short events, platform::SteadyTime deadline);
+  Wait pollUntil(short events, platform::SteadyTime deadline) const;
+  platform::SteadyTime bodyDeadline(platform::SteadyTime started, std::uint64_t arrived) const;
+  bool sendAll(std::string_view rest);
+  bool followsFraming(std::string_view bytes);
 
   const int socket_;
   const std::string remote_address_;
   const Timeouts timeouts_;
+  ClientBudget& budget_;
 
   std::string input_;
   std::size_t read_at_ = 0;   ///< what lies before has been read
@@ -96,9 +106,10 @@ class Connection final : public ClientConnection {
   bool broken_ = false;  ///< sending failed
 
   RequestHead head_;
+  bool head_waits_ = false;  ///< it was scanned, and its request has not begun
   std::uint64_t request_bytes_read_ = 0;
-  bool chunked_body_read_ = false;
-  bool body_timed_out_ = false;
+  ChunkFraming framing_;
+  int body_failure_ = 0;
   platform::SteadyTime request_started_;
   platform::SteadyTime head_started_{};  ///< zero while no byte of the next request has arrived
 

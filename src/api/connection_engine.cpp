@@ -25,8 +25,6 @@ constexpr int kListenBacklog = 4096;
 constexpr std::chrono::milliseconds kHousekeepingPeriod{50};
 /// Connections are looked through for expired ones once in so many passes.
 constexpr int kExpiryPasses = 10;
-/// Threads that streams leave to everything else.
-constexpr std::size_t kThreadsKeptFromStreams = 64;
 
 /// How long an answer that refuses the rest of a request is given to be read before the close.
 constexpr std::chrono::milliseconds kLingerTime{1000};
@@ -79,6 +77,7 @@ ConnectionEngine::ConnectionEngine(const Settings& settings, Serve serve)
       serve_(std::move(serve)),
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      budget_(settings.pool.maximum),
       pool_(settings.pool, [this] { return workOnce(); }),
       housekeeper_("http-house", kHousekeepingPeriod, kHousekeepingPeriod,
                    [this](const std::stop_token&) { keepHouse(); }) {}
@@ -151,7 +150,8 @@ void ConnectionEngine::accept() {
 void ConnectionEngine::adopt(int socket, std::string remote_address) {
   const int on = 1;
   ::setsockopt(socket, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-  auto owned = std::make_unique<Connection>(socket, std::move(remote_address), settings_.timeouts);
+  auto owned =
+      std::make_unique<Connection>(socket, std::move(remote_address), settings_.timeouts, budget_);
   Connection* connection = owned.get();
   {
     const platform::MutexLock lock(mutex_);
@@ -178,22 +178,26 @@ void ConnectionEngine::handle(Connection& connection) {
     close(connection);
     return;
   }
-  if (connection.receive() == Connection::Arrival::kClosed || !serveInput(connection)) {
-    close(connection);
+  if (connection.receive() != Connection::Arrival::kClosed) {
+    if (!serveInput(connection)) close(connection);
+    return;
   }
+  // A client that ended its sending side amid a body may still read why it gets nothing.
+  if (connection.awaitsBody()) refuse(connection, 400);
+  close(connection);
 }
 
 bool ConnectionEngine::serveInput(Connection& connection) {
   while (connection.hasInput()) {
-    const RequestHead head = connection.scanHead(settings_.head);
+    const RequestHead& head = connection.scanHead(settings_.head);
     if (head.state == RequestHead::State::kRefused) {
       refuse(connection, head.refusal);
       return false;
     }
-    if (head.state == RequestHead::State::kIncomplete) {
+    if (head.state == RequestHead::State::kIncomplete || connection.awaitsBody()) {
       return park(connection, settings_.timeouts.read);
     }
-    connection.beginRequest(head);
+    connection.beginRequest();
     if (!serve_(connection) || stopping()) {
       if (!connection.requestConsumed() && !stopping()) connection.linger(kLingerTime);
       return false;
@@ -222,13 +226,6 @@ bool ConnectionEngine::park(Connection& connection, std::chrono::milliseconds ti
 void ConnectionEngine::close(Connection& connection) {
   const platform::MutexLock lock(mutex_);
   connections_.erase(&connection);
-}
-
-bool ConnectionEngine::openStream() {
-  const std::size_t spare = std::min(kThreadsKeptFromStreams, pool_.maximum() / 2);
-  if (streams_.fetch_add(1, std::memory_order_relaxed) < pool_.maximum() - spare) return true;
-  closeStream();
-  return false;
 }
 
 void ConnectionEngine::keepHouse() {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <unordered_map>
 
+#include "api/client_budget.h"
 #include "api/connection.h"
 #include "api/elastic_pool.h"
 #include "platform/mutex.h"
@@ -20,8 +21,9 @@ namespace tavrel::api {
 /// epoll set until bytes arrive. Pool threads wait on that set themselves, one event each: the one
 /// that gets a connection's event owns the connection until it parks it again (the events are
 /// one-shot), so no queue and no hand-over lie between the socket and the handler. A request costs
-/// a thread only once its whole head is there; whoever dribbles bytes costs a wake-up each, no
-/// more.
+/// a thread only once its whole head and the beginning of its body are there; whoever dribbles
+/// bytes costs a wake-up each, no more. The threads that large or chunked bodies, answers and
+/// streams may hold are limited, so that some are always left.
 ///
 /// Limits kept here: bytes and fields of a head, the time a head and a body may take, the time a
 /// connection may idle, the number of connections.
@@ -58,8 +60,8 @@ class ConnectionEngine {
 
   /// Counts a stream in, so that streams never take the last threads; false when there are too
   /// many.
-  bool openStream();
-  void closeStream() { streams_.fetch_sub(1, std::memory_order_relaxed); }
+  bool openStream() { return budget_.takeStream(); }
+  void closeStream() { budget_.giveStream(); }
 
  private:
   bool workOnce();
@@ -81,7 +83,7 @@ class ConnectionEngine {
   int listener_ = -1;
 
   std::atomic<bool> stopping_{false};
-  std::atomic<std::size_t> streams_{0};
+  ClientBudget budget_;
 
   platform::Mutex mutex_;
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ TV_GUARDED_BY(mutex_);

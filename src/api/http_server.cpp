@@ -106,8 +106,7 @@ struct HttpServer::Impl {
   ConnectionEngine::Settings engineSettings() const;
   void dispatch(Exchange& exchange, const httplib::Request& from,
                 const HttplibBridge::BodyReader* body, httplib::Response& to);
-  int readBody(Exchange& exchange, const httplib::Request& from,
-               const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
+  int readBody(Exchange& exchange, const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
                std::string& body) const;
   void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange,
                   httplib::Response& to);
@@ -159,7 +158,7 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
     } else {
       to.status = 404;
       std::string unwanted;
-      if (body != nullptr && readBody(exchange, from, *body, kMaxUnwantedBody, unwanted) != 0) {
+      if (body != nullptr && readBody(exchange, *body, kMaxUnwantedBody, unwanted) != 0) {
         to.set_header("Connection", "close");
       }
     }
@@ -174,7 +173,7 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
   Request request = buildRequest(exchange, from);
   request.path_params = std::move(params);
   if (body != nullptr) {
-    const int failure = readBody(exchange, from, *body, config.max_body_bytes, request.body);
+    const int failure = readBody(exchange, *body, config.max_body_bytes, request.body);
     if (failure != 0) {
       to.status = failure;
       to.set_header("Connection", "close");
@@ -185,9 +184,8 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
 }
 
 /// Reads the body; 0, or the status that says why that failed.
-int HttpServer::Impl::readBody(Exchange& exchange, const httplib::Request& from,
-                               const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
-                               std::string& body) const {
+int HttpServer::Impl::readBody(Exchange& exchange, const HttplibBridge::BodyReader& reader,
+                               std::size_t max_bytes, std::string& body) const {
   bool too_large = false;
   const bool complete = reader([&](const char* bytes, std::size_t size) {
     // Also counts what a compressed body unfolds to.
@@ -195,14 +193,10 @@ int HttpServer::Impl::readBody(Exchange& exchange, const httplib::Request& from,
     if (!too_large) body.append(bytes, size);
     return !too_large;
   });
-  // Of a DELETE the library reads only a body of known length.
-  if (complete && from.has_header("Transfer-Encoding") && from.method != "DELETE") {
-    exchange.connection->markChunkedBodyRead();
-  }
   if (complete) return 0;
   exchange.keep_connection = false;
   if (too_large) return 413;
-  return exchange.connection->bodyTimedOut() ? 408 : 400;
+  return exchange.connection->bodyFailure();
 }
 
 void HttpServer::Impl::serveRoute(const Route& route, Context& context, const Request& request,

@@ -35,7 +35,7 @@ const std::optional<nlohmann::json>& Request::json() const {
   if (!json_parsed_) {
     json_parsed_ = true;
     const bool declared = getHeader("Content-Type").find("application/json") != std::string::npos;
-    if (declared && !body.empty() && platform::jsonDepthWithin(body, kMaxJsonDepth)) {
+    if (declared && !body.empty() && platform::jsonWithinLimits(body, kMaxJsonDepth)) {
       auto parsed = nlohmann::json::parse(body, nullptr, /*allow_exceptions=*/false);
       if (!parsed.is_discarded()) json_ = std::move(parsed);
     }

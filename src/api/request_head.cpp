@@ -13,6 +13,8 @@ constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
 /// The longest request line the HTTP library takes; it answers 414 beyond.
 constexpr std::size_t kMaxMethodBytes = 16;
+/// The longest field the HTTP library takes, line end included.
+constexpr std::size_t kMaxFieldBytes = 8192;
 
 RequestHead refuse(int status) {
   RequestHead head;
@@ -49,14 +51,21 @@ bool looksLikeRequest(std::string_view input) {
   return length < kMaxMethodBytes;
 }
 
+/// One reader ends a line there, another does not.
+bool hasStrayLineEnd(std::string_view line) {
+  return line.find_first_of(std::string_view("\r\n\0", 3)) != std::string_view::npos;
+}
+
 /// Reads one field; 0, or the status to refuse the request with.
 int readField(std::string_view line, RequestHead& head, bool& has_length) {
   const std::size_t colon = line.find(':');
   // A blank before the colon, or a folded line, is read differently by different programs.
   if (colon == std::string_view::npos || colon == 0 || line.front() == ' ' ||
-      line.front() == '\t' || line[colon - 1] == ' ' || line[colon - 1] == '\t') {
+      line.front() == '\t' || line[colon - 1] == ' ' || line[colon - 1] == '\t' ||
+      hasStrayLineEnd(line)) {
     return 400;
   }
+  if (line.size() + kLineEnd.size() > kMaxFieldBytes) return 431;
   const std::string_view name = line.substr(0, colon);
   const std::string_view value = trimmed(line.substr(colon + 1));
   if (equalsIgnoringCase(name, "Content-Length")) {
@@ -67,6 +76,8 @@ int readField(std::string_view line, RequestHead& head, bool& has_length) {
   } else if (equalsIgnoringCase(name, "Transfer-Encoding")) {
     if (!equalsIgnoringCase(value, "chunked") || head.chunked) return 501;
     head.chunked = true;
+  } else if (equalsIgnoringCase(name, "Expect")) {
+    head.expects_continue = true;
   }
   return 0;
 }
@@ -90,14 +101,18 @@ RequestHead scanRequestHead(std::string_view input, const HeadLimits& limits,
   std::size_t fields = 0;
   // The terminator's first line end belongs to the last field (or to the request line).
   std::string_view lines = input.substr(0, end + kLineEnd.size());
-  lines.remove_prefix(lines.find(kLineEnd) + kLineEnd.size());
+  const std::size_t request_line_end = lines.find(kLineEnd);
+  if (hasStrayLineEnd(lines.substr(0, request_line_end))) return refuse(400);
+  lines.remove_prefix(request_line_end + kLineEnd.size());
   while (!lines.empty()) {
-    const std::size_t line_end = lines.find(kLineEnd);
+    const std::string_view line = lines.substr(0, lines.find(kLineEnd));
+    const std::size_t line_bytes = line.size() + kLineEnd.size();
     if (++fields > limits.max_fields) return refuse(431);
-    if (const int status = readField(lines.substr(0, line_end), head, has_length); status != 0) {
-      return refuse(status);
+    if (const int status = readField(line, head, has_length); status != 0) return refuse(status);
+    if (equalsIgnoringCase(line.substr(0, line.find(':')), "Range")) {
+      head.unwanted.emplace_back(static_cast<std::size_t>(line.data() - input.data()), line_bytes);
     }
-    lines.remove_prefix(line_end + kLineEnd.size());
+    lines.remove_prefix(line_bytes);
   }
   if (head.chunked && has_length) return refuse(400);
   if (head.content_length > limits.max_body_bytes) return refuse(413);

@@ -29,6 +29,11 @@ int nextSignal(int signals, int wake) {
   }
 }
 
+void setEvent(int event) {
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const ssize_t written = ::write(event, &one, sizeof one);
+}
+
 }  // namespace
 
 SignalWaiter::SignalWaiter() {
@@ -40,12 +45,16 @@ SignalWaiter::SignalWaiter() {
   ::signal(SIGPIPE, SIG_IGN);  // NOLINT: a peer that hung up shows in the result of the write
   signals_ = ::signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
   wake_ = ::eventfd(0, EFD_CLOEXEC);
+  over_ = ::eventfd(0, EFD_CLOEXEC);
 }
 
 SignalWaiter::~SignalWaiter() {
   stop();
+  setEvent(over_);
+  if (watcher_.joinable()) watcher_.join();
   ::close(signals_);
   ::close(wake_);
+  ::close(over_);
 }
 
 void SignalWaiter::start(std::function<void(int)> on_signal) {
@@ -57,17 +66,15 @@ void SignalWaiter::wait(const std::function<void(int)>& on_signal) {
   const int signal = nextSignal(signals_, wake_);
   if (signal == 0) return;
   watcher_ = std::jthread([this] {
-    const int second = nextSignal(signals_, wake_);
+    const int second = nextSignal(signals_, over_);
     if (second != 0) ::_exit(128 + second);
   });
   on_signal(signal);
 }
 
 void SignalWaiter::stop() {
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
+  setEvent(wake_);
   if (waiter_.joinable()) waiter_.join();
-  if (watcher_.joinable()) watcher_.join();
 }
 
 }  // namespace tavrel::controller

@@ -1,5 +1,6 @@
 #include "controller/start_up.h"
 
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <cstdlib>
@@ -33,6 +34,12 @@ void raiseDescriptorLimit() {
   if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
   limit.rlim_cur = limit.rlim_max;
   ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+/// Large buffers go back to the system as soon as they are freed. By itself the C library learns
+/// from large ones to keep the next in its arenas, for good: gigabytes after one storm of requests.
+void returnLargeBuffers() {
+  ::mallopt(M_MMAP_THRESHOLD, 1 << 20);
 }
 
 api::ServerConfig serverConfig(const Options& options) {
@@ -187,6 +194,7 @@ int runController(const std::vector<std::string>& arguments) {
   // Before any thread exists, so that all of them leave the signals to the waiter.
   SignalWaiter signals;
   raiseDescriptorLimit();
+  returnLargeBuffers();
   Services services(options);
   configureServer(services, options);
   if (!startAuthentication(services, options)) return 1;

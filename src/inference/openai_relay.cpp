@@ -4,6 +4,8 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/json_text.h"
+
 namespace tavrel::inference {
 
 using net::WorkerIo;
@@ -14,6 +16,15 @@ namespace {
 constexpr std::string_view kComment = ": keep-alive\n\n";
 /// How long a worker that said its last word may take to end the message.
 constexpr milliseconds kFarewell{1000};
+
+/// Null when it is not JSON that can be read and written again.
+nlohmann::json documentFrom(const std::string& body) {
+  try {
+    return platform::parseForeignJson(body);
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
 
 }  // namespace
 
@@ -117,10 +128,9 @@ void OpenAiRelay::answeredWithoutStream(const OpenAiAnswer::Sink& sink) {
   const WorkerIo io = attempt_.exchange.readWholeBody(body);
   if (io != WorkerIo::kOk) return broken(sink, io);
   attempt_.exchange.finish();
-  const auto document = nlohmann::json::parse(body, nullptr, false);
+  const auto document = documentFrom(body);
   if (document.is_object() && document.contains("error")) {
-    sink("data: " + document.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace) +
-         "\n\n");
+    sink("data: " + platform::dumpJson(document) + "\n\n");
   } else {
     sink(errorFor(WorkerIo::kMalformed, attempt_.worker).event());
   }

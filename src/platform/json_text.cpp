@@ -48,8 +48,9 @@ std::string replaceLoneSurrogates(std::string_view text) {
 
 }  // namespace
 
-bool jsonDepthWithin(std::string_view text, int max_depth) {
+bool jsonWithinLimits(std::string_view text, int max_depth) {
   int depth = 0;
+  std::size_t values = 0;  // commas and openings: nearly that many, never much fewer
   bool in_string = false;
   for (std::size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
@@ -62,7 +63,9 @@ bool jsonDepthWithin(std::string_view text, int max_depth) {
     } else if (c == '"') {
       in_string = true;
     } else if (c == '[' || c == '{') {
-      if (++depth > max_depth) return false;
+      if (++depth > max_depth || ++values > kMaxJsonValues) return false;
+    } else if (c == ',') {
+      if (++values > kMaxJsonValues) return false;
     } else if (c == ']' || c == '}') {
       --depth;
     }
@@ -71,8 +74,9 @@ bool jsonDepthWithin(std::string_view text, int max_depth) {
 }
 
 nlohmann::json parseForeignJson(std::string_view text) {
-  if (!jsonDepthWithin(text, kMaxForeignJsonDepth)) {
-    throw std::runtime_error("nested deeper than " + std::to_string(kMaxForeignJsonDepth));
+  if (!jsonWithinLimits(text, kMaxForeignJsonDepth)) {
+    throw std::runtime_error("nested deeper than " + std::to_string(kMaxForeignJsonDepth) +
+                             ", or too many values");
   }
   auto document = nlohmann::json::parse(text, nullptr, /*allow_exceptions=*/false);
   if (!document.is_discarded()) return document;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
@@ -7,9 +8,12 @@
 // JSON as text, where what comes in was written by somebody else. No state; any thread.
 namespace tavrel::platform {
 
-/// True when no object or array in `text` lies deeper than `max_depth`. Text that is not JSON may
-/// give either answer.
-bool jsonDepthWithin(std::string_view text, int max_depth);
+/// True when no object or array in `text` lies deeper than `max_depth`, and it has no more than
+/// kMaxJsonValues values. Text that is not JSON may give either answer.
+bool jsonWithinLimits(std::string_view text, int max_depth);
+
+/// Values that are still read. A value takes two bytes of text and up to a hundred in memory.
+inline constexpr std::size_t kMaxJsonValues = std::size_t{1} << 20;
 
 /// Nesting that is still read. Deeper documents would exhaust the stack when copied or written.
 inline constexpr int kMaxForeignJsonDepth = 256;

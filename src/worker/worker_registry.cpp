@@ -190,7 +190,7 @@ WorkerListing WorkerRegistry::listing() const {
     records.reserve(workers_.size());
     for (const auto& [id, entry] : workers_) records.push_back(entry.record);
   }
-  std::size_t length = 2;
+  std::size_t length = 66;  // brackets, and room for what the list may be put into
   for (const SnapshotPtr& record : records) length += record->text().size() + 1;
   WorkerListing listing{{}, records.size()};
   listing.workers.reserve(length);

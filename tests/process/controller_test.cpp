@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "process/controller_process.h"
+#include "support/mock_peer.h"
 
 namespace tavrel::test {
 namespace {
@@ -76,6 +77,26 @@ TEST(ControllerProcess, ATakenPortEndsTheStartAndAKilledOneIsFreeAtOnce) {
   first.process().waitForExit(10s);
   Controller again({}, {}, first.port());
   EXPECT_THAT(again.getUntil("/health", "\"ok\""), HasSubstr("\"ok\""));
+}
+
+TEST(ControllerProcess, ASecondSignalEndsItWhileTheFirstIsStillActedOn) {
+  Controller controller;
+  MockPeer stalled([](MockConnection& connection) { connection.readRequest(); });
+  controller.request("POST", "/api/v1/workers/register",
+                     R"({"worker_id":"w","ip_address":"127.0.0.1","port":)" +
+                         std::to_string(stalled.port()) +
+                         R"(,"capabilities":{"installed_models":["m"]}})");
+  const std::string body = R"({"model":"m","messages":[{"role":"user","content":"x"}]})";
+  const RawClient client(controller.port());
+  client.send("POST /v1/chat/completions HTTP/1.1\r\nContent-Length: " +
+              std::to_string(body.size()) + "\r\n\r\n" + body);
+  stalled.waitForRequests(1);
+  auto& process = controller.process();
+  process.signal(SIGTERM);
+  EXPECT_TRUE(process.waitForLine("shutting down", 5s));
+  EXPECT_EQ(process.waitForExit(400ms), std::nullopt);
+  process.signal(SIGTERM);
+  EXPECT_EQ(process.waitForExit(500ms), 128 + SIGTERM);
 }
 
 TEST(ControllerProcess, TheEnvironmentsKeyGuardsAndIsShownInPartOnly) {

@@ -274,6 +274,22 @@ TEST_F(OpenAiRoutes, AWorkerThatMovedIsFoundAtItsNewAddress) {
   EXPECT_EQ(after.requests().size(), 1U);
 }
 
+TEST_F(OpenAiRoutes, ALateErrorThatNestsWithoutEndIsNotWrittenAgain) {
+  settings_.keep_alive = milliseconds(20);
+  Gate gate;
+  const std::string deep = std::string(100'000, '[') + std::string(100'000, ']');
+  MockPeer peer([&](MockConnection& connection) {
+    connection.readRequest();
+    connection.waitFor(gate);
+    connection.send(httpAnswer(400, "{\"error\":" + deep + "}"));
+  });
+  addWorker("a", peer);
+  const auto client = rawPost(kStreamBody);
+  client->readUntil(": keep-alive");
+  gate.open();
+  EXPECT_THAT(client->readUntil("invalid_worker_response"), HasSubstr("invalid_worker_response"));
+}
+
 TEST_F(OpenAiRoutes, EventsReachTheClientAtOnceAndUnchanged) {
   const std::string first = "data: {\"n\":1}\r\n\r\n";
   const std::string rest =

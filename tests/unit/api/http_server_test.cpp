@@ -201,6 +201,46 @@ TEST(HttpServer, ChunkedBodiesAreReadUpToTheLimit) {
   const RawClient broken(server.port());
   broken.send(head + "zz\r\nabc\r\n0\r\n\r\n");
   EXPECT_NE(broken.readAll().find("HTTP/1.1 400"), std::string::npos);
+  // What follows a chunk of the wrong size is no request of its own.
+  const RawClient smuggler(server.port());
+  smuggler.send(head + "1\r\naXX\r\nGET /echo HTTP/1.1\r\n\r\n");
+  const std::string answer = smuggler.readAll();
+  EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 400");
+  EXPECT_EQ(answer.find("HTTP/1.1 ", 12), std::string::npos) << answer;
+}
+
+TEST(HttpServer, RangesAreIgnoredHoweverLong) {
+  const TestServer server(addEchoRoutes);
+  const RawClient client(server.port());
+  std::string ranges = "bytes=0-0";
+  while (ranges.size() < 8000) ranges += ",0-1";
+  client.send("GET /echo HTTP/1.1\r\nRange: nonsense\r\nA: 1\r\nrange: " + ranges +
+              "\r\nB: 2\r\nConnection: close\r\n\r\n");
+  const std::string answer = client.readAll();
+  EXPECT_EQ(answer.substr(0, 12), "HTTP/1.1 200");
+  EXPECT_NE(answer.find(R"("A":"1","B":"2")"), std::string::npos) << answer;
+}
+
+TEST(HttpServer, UnfinishedBodiesLeaveThreadsForOthers) {
+  ServerConfig config;
+  config.max_threads = 1;  // as few as the server can do with
+  const TestServer server(addEchoRoutes, config);
+  const std::string lengths = "POST /echo HTTP/1.1\r\nContent-Length: 1000000\r\n\r\nx";
+  const std::string chunks = "POST /echo HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n1\r\n";
+  for (const std::string& text : {lengths, chunks}) {
+    std::vector<std::unique_ptr<RawClient>> slow;
+    for (int i = 0; i < 500; ++i) {
+      slow.push_back(std::make_unique<RawClient>(server.port()));
+      slow.back()->send(text);
+    }
+    const auto answer = server.client().Get("/echo");
+    ASSERT_TRUE(answer) << text;
+    EXPECT_EQ(answer->status, 200);
+    // Some waits for chunks are refused; the others go on.
+    if (text == chunks) {
+      EXPECT_EQ(slow.back()->readUntil("\r\n").substr(0, 12), "HTTP/1.1 503");
+    }
+  }
 }
 
 TEST(HttpServer, WhatCannotBeServedIsRefusedAndClosed) {

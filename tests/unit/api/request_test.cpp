@@ -24,6 +24,11 @@ TEST(Request, JsonNeedsItsContentTypeAndAReasonableDepth) {
     return std::string(depth, '[') + std::string(depth, ']');
   };
   EXPECT_TRUE(withBody("application/json", nested(256)).json());
+  // A few megabytes of brackets would become a hundred times as much in memory.
+  std::string many = "[[]";
+  for (int i = 0; i < 1'000'000; ++i) many += ",[]";
+  EXPECT_FALSE(withBody("application/json", many + "]").json());
+  EXPECT_TRUE(withBody("application/json", "[\"" + many + "\"]").json());
   EXPECT_FALSE(withBody("application/json", nested(257)).json());
   EXPECT_FALSE(withBody("application/json", nested(5'000'000)).json());
   EXPECT_TRUE(withBody("application/json", "[\"" + std::string(1000, '[') + "\\\"\"]").json());

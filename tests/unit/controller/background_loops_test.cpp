@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 namespace tavrel::controller {
 namespace {
 
@@ -52,6 +54,19 @@ TEST(ClusterSample, AveragesOverWorkersAndOverGpus) {
   EXPECT_FLOAT_EQ(point.gpu_avg_usage, 60);
   EXPECT_EQ(point.gpu_total_memory, 240U);
   EXPECT_EQ(point.gpu_memory_used, 60U);
+}
+
+TEST(ClusterSample, WorkersThatClaimAnyNumberOfCoresDoNotOverflowTheSum) {
+  worker::WorkerRegistry workers;
+  for (const char* id : {"a", "b"}) {
+    worker::WorkerInfo worker = reporting(id, 0, 0, {});
+    worker.metrics.cpu_cores = std::numeric_limits<std::int32_t>::max();
+    workers.registerWorker(std::move(worker), false);
+  }
+  EXPECT_EQ(sampleCluster(workers, cluster::RouterRegistry(), worker::TypedWorkerRegistries(),
+                          platform::WallTime{1000s})
+                .total_cores,
+            std::numeric_limits<std::int32_t>::max());
 }
 
 }  // namespace
