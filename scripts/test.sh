@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds everything and runs the tests.
-# Usage: scripts/test.sh [--asan] [--tsan] [--fuzz-seconds N]
+# Usage: scripts/test.sh [--asan] [--tsan] [--units-only] [--fuzz-seconds N]
 #   --asan, --tsan      also the same tests built with sanitizers
 #   --units-only        of the sanitizer builds, the unit tests only
 #   --fuzz-seconds N    also every fuzz target for N seconds
