@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "api/answer_writer.h"
 #include "platform/console.h"
 
 namespace tavrel::api {
@@ -28,23 +29,6 @@ constexpr int kExpiryPasses = 10;
 
 /// How long an answer that refuses the rest of a request is given to be read before the close.
 constexpr std::chrono::milliseconds kLingerTime{1000};
-
-const char* statusText(int status) {
-  switch (status) {
-    case 400:
-      return "Bad Request";
-    case 408:
-      return "Request Timeout";
-    case 413:
-      return "Payload Too Large";
-    case 431:
-      return "Request Header Fields Too Large";
-    case 501:
-      return "Not Implemented";
-    default:
-      return "Service Unavailable";
-  }
-}
 
 std::int64_t nanoseconds(platform::SteadyTime time) {
   return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
@@ -207,8 +191,7 @@ bool ConnectionEngine::serveInput(Connection& connection) {
 }
 
 void ConnectionEngine::refuse(Connection& connection, int status) {
-  connection.write("HTTP/1.1 " + std::to_string(status) + ' ' + statusText(status) +
-                   "\r\nConnection: close\r\nContent-Length: 0\r\n\r\n");
+  AnswerWriter(connection, {.keep_connection = false}).whole(status, "", "");
   if (connection.flush()) connection.linger(kLingerTime);
 }
 

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <algorithm>
+#include <semaphore>
 #include <utility>
 
 #include "platform/periodic_task.h"
@@ -40,6 +42,11 @@ class ElasticPool::Member final : public platform::BlockingObserver {
     return since != 0 && now - since >= 2;
   }
 
+  /// Sleeps until somebody wakes it; false when nobody did for `longest`.
+  bool rest(std::chrono::seconds longest) { return wake_.try_acquire_for(longest); }
+  void restUntilWoken() { wake_.acquire(); }
+  void wake() { wake_.release(); }
+
   void countOut() {
     if (counted_.exchange(false)) pool_.active_.fetch_sub(1);
   }
@@ -51,6 +58,8 @@ class ElasticPool::Member final : public platform::BlockingObserver {
   ElasticPool& pool_;
   std::atomic<bool> counted_{true};           // whoever started the thread counted it
   std::atomic<std::uint32_t> busy_since_{0};  // a tick; 0 while it has no work
+  // Each sleeps on its own: on a shared lock the woken one would wait for its waker.
+  std::binary_semaphore wake_{0};
 };
 
 ElasticPool::ElasticPool(Limits limits, std::function<bool()> work)
@@ -67,17 +76,19 @@ void ElasticPool::start() {
 }
 
 bool ElasticPool::addThread() {
+  Member* rested = nullptr;
   {
     const std::lock_guard lock(mutex_);
     if (stopping_.load()) return false;
-    if (resting_ > wake_ups_) {
-      ++wake_ups_;
-      active_.fetch_add(1, std::memory_order_relaxed);
-      wake_.notify_one();
-      return true;
+    if (!resting_.empty()) {
+      rested = resting_.back();
+      resting_.pop_back();
     }
   }
-  return spawn();
+  if (rested == nullptr) return spawn();
+  active_.fetch_add(1, std::memory_order_relaxed);
+  rested->wake();
+  return true;
 }
 
 bool ElasticPool::spawn() {
@@ -146,20 +157,26 @@ bool ElasticPool::restIfSurplus() {
     if (active <= limits_.wanted) return true;
   } while (!active_.compare_exchange_weak(active, active - 1));
 
-  std::unique_lock lock(mutex_);
-  ++resting_;
-  const bool woken =
-      wake_.wait_for(lock, limits_.rest, [this] { return wake_ups_ > 0 || stopping_.load(); });
-  --resting_;
-  if (!woken || stopping_.load()) return false;
-  --wake_ups_;  // whoever woke it has counted it as active already
-  return true;
+  Member& self = *static_cast<Member*>(platform::BlockingObserver::ofThisThread());
+  {
+    const std::lock_guard lock(mutex_);
+    if (stopping_.load()) return false;
+    resting_.push_back(&self);
+  }
+  if (self.rest(limits_.rest)) return !stopping_.load();
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::erase(resting_, &self) > 0) return false;
+  }
+  // Woken at the last moment: whoever did has counted it as active.
+  self.restUntilWoken();
+  return !stopping_.load();
 }
 
 void ElasticPool::requestStop() {
   const std::lock_guard lock(mutex_);
   stopping_.store(true);
-  wake_.notify_all();
+  for (Member* member : std::exchange(resting_, {})) member->wake();
 }
 
 bool ElasticPool::waitUntilEmpty(std::chrono::milliseconds timeout) {

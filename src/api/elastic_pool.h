@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <set>
+#include <vector>
 
 #include "platform/blocking.h"
 
@@ -76,11 +77,9 @@ class ElasticPool {
   std::atomic<bool> stopping_{false};
 
   std::mutex mutex_;
-  std::condition_variable wake_;   ///< one resting thread
   std::condition_variable empty_;  ///< the last thread ended
   std::set<Member*> members_;
-  std::size_t resting_ = 0;
-  std::size_t wake_ups_ = 0;  ///< resting threads that are to go on
+  std::vector<Member*> resting_;  ///< the one that came last is woken first: its stack is warm
 };
 
 }  // namespace tavrel::api

@@ -5,11 +5,13 @@
 #include <thread>
 #include <utility>
 
+#include "api/answer_writer.h"
 #include "api/connection_engine.h"
 #include "api/httplib_bridge.h"
 #include "api/route_table.h"
 #include "platform/console.h"
 #include "platform/random.h"
+#include "platform/text.h"
 
 namespace tavrel::api {
 namespace {
@@ -21,19 +23,6 @@ constexpr std::size_t kMaxUnwantedBody = std::size_t{64} << 10;
 bool isLibraryHeader(const std::string& name) {
   return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
          name == "LOCAL_PORT";
-}
-
-bool isHeaderName(const std::string& name) {
-  static constexpr std::string_view kOther = "!#$%&'*+-.^_`|~";
-  return !name.empty() && std::all_of(name.begin(), name.end(), [](unsigned char c) {
-    return (c >= '0' && c <= '9') || (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
-           kOther.find(static_cast<char>(c)) != std::string_view::npos;
-  });
-}
-
-bool isHeaderValue(const std::string& value) {
-  return std::none_of(value.begin(), value.end(),
-                      [](unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7F; });
 }
 
 Request buildRequest(const Exchange& exchange, const httplib::Request& from) {
@@ -71,22 +60,40 @@ struct Chain {
   }
 };
 
-/// Sends a streamed answer piece by piece, at once.
-class ChunkWriter final : public StreamWriter {
+/// Ends a stream when the server stops.
+class StoppableWriter final : public StreamWriter {
  public:
-  ChunkWriter(const httplib::DataSink& sink, Connection& connection, const ConnectionEngine& engine)
-      : sink_(sink), connection_(connection), engine_(engine) {}
+  StoppableWriter(AnswerWriter& writer, const ConnectionEngine& engine)
+      : writer_(writer), engine_(engine) {}
 
   bool write(std::string_view bytes) override {
-    if (engine_.stopping()) return false;
-    if (bytes.empty()) return true;  // an empty chunk would end the body
-    return sink_.write(bytes.data(), bytes.size()) && connection_.flush();
+    return !engine_.stopping() && writer_.write(bytes);
   }
 
  private:
-  const httplib::DataSink& sink_;
-  Connection& connection_;
+  AnswerWriter& writer_;
   const ConnectionEngine& engine_;
+};
+
+/// Marks a connection as streaming for as long as it lives.
+class StreamMark {
+ public:
+  StreamMark(ConnectionEngine& engine, Connection& connection)
+      : engine_(engine), connection_(connection) {
+    connection_.setStreaming(true);
+    // A stop that came before the mark has not seen this stream.
+    if (engine_.stopping()) connection_.interrupt(/*all=*/true);
+  }
+  ~StreamMark() {
+    connection_.setStreaming(false);
+    engine_.closeStream();
+  }
+  StreamMark(const StreamMark&) = delete;
+  StreamMark& operator=(const StreamMark&) = delete;
+
+ private:
+  ConnectionEngine& engine_;
+  Connection& connection_;
 };
 
 }  // namespace
@@ -101,23 +108,25 @@ struct HttpServer::Impl {
   std::atomic<std::int32_t> port{0};
   // The bridge outlives the engine, whose threads call into it.
   std::unique_ptr<HttplibBridge> bridge;
+  std::string cors_lines;  ///< the header lines that every answer carries
   std::unique_ptr<ConnectionEngine> engine;
 
   ConnectionEngine::Settings engineSettings() const;
   void dispatch(Exchange& exchange, const httplib::Request& from,
-                const HttplibBridge::BodyReader* body, httplib::Response& to);
+                const HttplibBridge::BodyReader* body);
+  void answerUnknown(Exchange& exchange, const std::string& method,
+                     const HttplibBridge::BodyReader* body);
   int readBody(Exchange& exchange, const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
                std::string& body) const;
-  void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange,
-                  httplib::Response& to);
-  void answer(Response response, const Context& context, Exchange& exchange, httplib::Response& to);
-  void startStream(StreamBody body, const std::string& content_type, Exchange& exchange,
-                   httplib::Response& to);
+  void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange);
+  void answer(Response response, const Context& context, Exchange& exchange);
+  void answerWithout(int status, Exchange& exchange) const;
+  void runStream(AnswerWriter& answer, int status, const std::string& content_type,
+                 const StreamBody& body, Exchange& exchange);
   std::string allowedOrigin() const {
     return config.cors_origins.empty() ? "*" : config.cors_origins.front();
   }
-  void addCorsHeaders(httplib::Response& to) const;
-  void answerPreflight(httplib::Response& to) const;
+  std::string corsLines() const;
 };
 
 ConnectionEngine::Settings HttpServer::Impl::engineSettings() const {
@@ -134,36 +143,19 @@ ConnectionEngine::Settings HttpServer::Impl::engineSettings() const {
   return settings;
 }
 
-void HttpServer::Impl::addCorsHeaders(httplib::Response& to) const {
-  to.set_header("Access-Control-Allow-Origin", allowedOrigin());
-  to.set_header("Access-Control-Allow-Methods", config.cors_methods);
-  to.set_header("Access-Control-Allow-Headers", config.cors_headers);
-}
-
-void HttpServer::Impl::answerPreflight(httplib::Response& to) const {
-  to.status = 204;
-  addCorsHeaders(to);
-  to.set_header("Access-Control-Max-Age", "86400");
+std::string HttpServer::Impl::corsLines() const {
+  return "Access-Control-Allow-Origin: " + allowedOrigin() +
+         "\r\nAccess-Control-Allow-Methods: " + config.cors_methods +
+         "\r\nAccess-Control-Allow-Headers: " + config.cors_headers + "\r\n";
 }
 
 void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from,
-                                const HttplibBridge::BodyReader* body, httplib::Response& to) {
+                                const HttplibBridge::BodyReader* body) {
   RouteTable::Params params;
-  // HEAD is served by the GET routes; the library leaves the body out.
+  // HEAD is served by the GET routes; the answer's body is left out.
   const std::string& method = from.method == "HEAD" ? "GET" : from.method;
   const Route* route = table.find(method, exchange.path, params);
-  if (route == nullptr) {
-    if (method == "OPTIONS" && config.cors_enabled) {
-      answerPreflight(to);
-    } else {
-      to.status = 404;
-      std::string unwanted;
-      if (body != nullptr && readBody(exchange, *body, kMaxUnwantedBody, unwanted) != 0) {
-        to.set_header("Connection", "close");
-      }
-    }
-    return;
-  }
+  if (route == nullptr) return answerUnknown(exchange, method, body);
 
   Context context;
   context.start_time = platform::steadyNow();
@@ -174,13 +166,29 @@ void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from
   request.path_params = std::move(params);
   if (body != nullptr) {
     const int failure = readBody(exchange, *body, config.max_body_bytes, request.body);
-    if (failure != 0) {
-      to.status = failure;
-      to.set_header("Connection", "close");
-      return;
-    }
+    if (failure != 0) return answerWithout(failure, exchange);
   }
-  serveRoute(*route, context, request, exchange, to);
+  serveRoute(*route, context, request, exchange);
+}
+
+void HttpServer::Impl::answerUnknown(Exchange& exchange, const std::string& method,
+                                     const HttplibBridge::BodyReader* body) {
+  if (method == "OPTIONS" && config.cors_enabled) {
+    AnswerWriter answer(*exchange.connection, exchange.terms);
+    answer.lines(cors_lines);
+    answer.header("Access-Control-Max-Age", "86400");
+    exchange.answered = true;
+    return answer.whole(204, "", "");
+  }
+  std::string unwanted;
+  if (body != nullptr) readBody(exchange, *body, kMaxUnwantedBody, unwanted);
+  answerWithout(404, exchange);
+}
+
+/// A bare status.
+void HttpServer::Impl::answerWithout(int status, Exchange& exchange) const {
+  exchange.answered = true;
+  AnswerWriter(*exchange.connection, exchange.terms).whole(status, "", "");
 }
 
 /// Reads the body; 0, or the status that says why that failed.
@@ -194,78 +202,60 @@ int HttpServer::Impl::readBody(Exchange& exchange, const HttplibBridge::BodyRead
     return !too_large;
   });
   if (complete) return 0;
-  exchange.keep_connection = false;
+  exchange.terms.keep_connection = false;
   if (too_large) return 413;
   return exchange.connection->bodyFailure();
 }
 
 void HttpServer::Impl::serveRoute(const Route& route, Context& context, const Request& request,
-                                  Exchange& exchange, httplib::Response& to) {
-  if (route.stream_handler) {
-    if (stream_guard) {
-      if (std::optional<Response> refusal = stream_guard(context, request)) {
-        return answer(std::move(*refusal), context, exchange, to);
-      }
+                                  Exchange& exchange) {
+  if (!route.stream_handler) {
+    return answer(Chain{middlewares, route}.run(0, context, request), context, exchange);
+  }
+  if (stream_guard) {
+    if (std::optional<Response> refusal = stream_guard(context, request)) {
+      return answer(std::move(*refusal), context, exchange);
     }
-    to.set_header("Cache-Control", "no-cache");
-    to.set_header("Connection", "keep-alive");
-    if (config.cors_enabled) to.set_header("Access-Control-Allow-Origin", allowedOrigin());
-    to.status = 200;
-    // The body runs after this function: it takes the request along.
-    auto state = std::make_shared<std::pair<Context, Request>>(std::move(context), request);
-    startStream(
-        [state, &route](StreamWriter& writer) {
-          route.stream_handler(state->first, state->second, writer);
-        },
-        "text/event-stream", exchange, to);
-    return;
   }
-
-  answer(Chain{middlewares, route}.run(0, context, request), context, exchange, to);
+  AnswerWriter answer(*exchange.connection, exchange.terms);
+  answer.header("Cache-Control", "no-cache");
+  if (exchange.terms.keep_connection && !exchange.terms.http_1_0) {
+    answer.header("Connection", "keep-alive");
+  }
+  if (config.cors_enabled) answer.header("Access-Control-Allow-Origin", allowedOrigin());
+  runStream(
+      answer, 200, "text/event-stream",
+      [&](StreamWriter& writer) { route.stream_handler(context, request, writer); }, exchange);
 }
 
-void HttpServer::Impl::answer(Response response, const Context& context, Exchange& exchange,
-                              httplib::Response& to) {
-  to.status = response.status;
+void HttpServer::Impl::answer(Response response, const Context& context, Exchange& exchange) {
+  AnswerWriter answer(*exchange.connection, exchange.terms);
   for (const auto& [name, value] : response.headers) {
-    if (isHeaderName(name) && isHeaderValue(value)) to.set_header(name, value);
+    if (!platform::equalsIgnoringCase(name, "Content-Type")) answer.header(name, value);
   }
-  if (config.cors_enabled) addCorsHeaders(to);
-  to.set_header("X-Request-ID", context.request_id);
+  if (config.cors_enabled) answer.lines(cors_lines);
+  answer.header("X-Request-ID", context.request_id);
   if (response.stream) {
-    startStream(std::move(response.stream), response.content_type, exchange, to);
-  } else {
-    to.headers.erase("Content-Type");
-    to.set_header("Content-Type", response.content_type);
-    to.body = std::move(response.body);
+    return runStream(answer, response.status, response.content_type, response.stream, exchange);
   }
+  exchange.answered = true;
+  answer.whole(response.status, response.content_type, response.body);
 }
 
-void HttpServer::Impl::startStream(StreamBody body, const std::string& content_type,
-                                   Exchange& exchange, httplib::Response& to) {
+void HttpServer::Impl::runStream(AnswerWriter& answer, int status, const std::string& content_type,
+                                 const StreamBody& body, Exchange& exchange) {
+  exchange.answered = true;
   if (!engine->openStream()) {
     const Response refusal = Response::error(503, "Too many open streams");
-    to.status = refusal.status;
-    to.body = refusal.body;
-    to.set_header("Content-Type", refusal.content_type);
-    return;
+    return answer.whole(refusal.status, refusal.content_type, refusal.body);
   }
-  Connection* connection = exchange.connection;
-  connection->setStreaming(true);
-  // A stop that came before the mark has not seen this stream.
-  if (engine->stopping()) connection->interrupt(/*all=*/true);
-  to.set_chunked_content_provider(
-      content_type,
-      [this, connection, body = std::move(body)](std::size_t, httplib::DataSink& sink) {
-        ChunkWriter writer(sink, *connection, *engine);
-        body(writer);
-        sink.done();
-        return true;
-      },
-      [this, connection](bool) {
-        connection->setStreaming(false);
-        engine->closeStream();
-      });
+  const StreamMark mark(*engine, *exchange.connection);
+  answer.beginStream(status, content_type);
+  exchange.terms.keep_connection = !answer.closes();
+  if (!answer.sendsBody()) return;
+  StoppableWriter writer(answer, *engine);
+  body(writer);
+  answer.end();
 }
 
 HttpServer::HttpServer() : impl_(std::make_unique<Impl>()) {}
@@ -329,9 +319,8 @@ bool HttpServer::start() {
                       std::to_string(impl.config.port));
   impl.bridge = std::make_unique<HttplibBridge>(
       [this](Exchange& exchange, const httplib::Request& from,
-             const HttplibBridge::BodyReader* body,
-             httplib::Response& to) { impl_->dispatch(exchange, from, body, to); });
-  impl.bridge->announceIdleTimeout(impl.config.idle_timeout);
+             const HttplibBridge::BodyReader* body) { impl_->dispatch(exchange, from, body); });
+  impl.cors_lines = impl.corsLines();
   impl.engine = std::make_unique<ConnectionEngine>(
       impl.engineSettings(),
       [this](Connection& connection) { return impl_->bridge->serve(connection); });
@@ -351,7 +340,6 @@ bool HttpServer::start() {
 void HttpServer::stop() {
   Impl& impl = *impl_;
   if (!impl.running.exchange(false)) return;
-  impl.bridge->markStopping();
   impl.engine->stop(impl.config.stop_grace, impl.on_grace_over);
   platform::printLine("[Controller] Server stopped");
 }

@@ -23,16 +23,18 @@ void reportFailure(const std::string& method, const std::exception_ptr& error) {
                        " failed: " + reason);
 }
 
-/// Gives the library the connection's buffers in place of a socket.
+/// Gives the library the connection's buffers in place of a socket. What it has to say after the
+/// answer was written is dropped.
 class BufferedStream final : public httplib::Stream {
  public:
-  explicit BufferedStream(Connection& connection) : connection_(connection) {}
+  BufferedStream(Connection& connection, const Exchange& exchange)
+      : connection_(connection), exchange_(exchange) {}
 
   bool is_readable() const override { return true; }
   bool is_writable() const override { return true; }
   ssize_t read(char* to, size_t size) override { return connection_.read(to, size); }
   ssize_t write(const char* from, size_t size) override {
-    return connection_.write({from, size}) ? static_cast<ssize_t>(size) : -1;
+    return exchange_.answered || connection_.write({from, size}) ? static_cast<ssize_t>(size) : -1;
   }
   void get_remote_ip_and_port(std::string& ip, int&) const override {
     ip = connection_.remoteAddress();
@@ -43,6 +45,7 @@ class BufferedStream final : public httplib::Stream {
 
  private:
   Connection& connection_;
+  const Exchange& exchange_;
 };
 
 void onlyReuseAddress(socket_t socket) {
@@ -57,6 +60,8 @@ void prepare(Exchange& exchange, httplib::Request& request) {
   // Routes are found by the server's own table: the library matches "/", at no cost.
   exchange.path = std::move(request.path);
   request.path = "/";
+  exchange.terms.head_only = request.method == "HEAD";
+  exchange.terms.http_1_0 = request.version == "HTTP/1.0";
   // JSON is answered whole and as it is: no ranges of it, and no compression at the highest level.
   request.ranges.clear();
   request.headers.erase("Accept-Encoding");
@@ -78,18 +83,19 @@ HttplibBridge::HttplibBridge(Dispatch dispatch) : dispatch_(std::move(dispatch))
         response.headers.clear();
         response.body.clear();
         response.status = 500;
+        current_exchange->complete = !current_exchange->answered;
       });
-  set_pre_routing_handler([this](const httplib::Request& request, httplib::Response& response) {
+  set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
     const std::string& method = request.method;
     if (method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE") {
       return HandlerResponse::Unhandled;  // continues below, with the body
     }
-    dispatch_(*current_exchange, request, nullptr, response);
+    dispatch_(*current_exchange, request, nullptr);
     return HandlerResponse::Handled;
   });
-  const auto with_body = [this](const httplib::Request& request, httplib::Response& response,
+  const auto with_body = [this](const httplib::Request& request, httplib::Response&,
                                 const httplib::ContentReader& body) {
-    dispatch_(*current_exchange, request, &body, response);
+    dispatch_(*current_exchange, request, &body);
   };
   Post("/", with_body);
   Put("/", with_body);
@@ -104,31 +110,22 @@ int HttplibBridge::bind(const std::string& host, int port, int& socket) {
   return bound;
 }
 
-void HttplibBridge::announceIdleTimeout(std::chrono::seconds timeout) {
-  set_keep_alive_timeout(timeout.count());
-  set_keep_alive_max_count(1'000'000);
-}
-
 bool HttplibBridge::serve(Connection& connection) {
   Exchange exchange;
   exchange.connection = &connection;
   current_exchange = &exchange;
-  BufferedStream stream(connection);
+  BufferedStream stream(connection, exchange);
   bool asked_to_close = false;
-  bool answered = false;
-  try {
-    answered = process_request(stream, /*close_connection=*/false, asked_to_close,
-                               [&](httplib::Request& request) { prepare(exchange, request); });
-  } catch (...) {
-    // The library lets pass what the body of a stream raises. The head is out: the client learns
-    // of it by the missing end of the body.
-    reportFailure("Stream", std::current_exception());
-  }
+  const bool answered = process_request(stream, /*close_connection=*/false, asked_to_close,
+                                        [&](httplib::Request& request) {
+                                          exchange.terms.keep_connection = !asked_to_close;
+                                          prepare(exchange, request);
+                                        });
   current_exchange = nullptr;
   const bool sent = connection.flush();
   connection.skipArrivedBody();
-  return answered && sent && exchange.head_parsed && exchange.keep_connection && !asked_to_close &&
-         connection.requestConsumed();
+  return answered && sent && exchange.head_parsed && exchange.complete &&
+         exchange.terms.keep_connection && connection.requestConsumed();
 }
 
 }  // namespace tavrel::api

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <optional>
 
+#include "platform/text.h"
+
 namespace tavrel::net {
 namespace {
 
@@ -11,15 +13,6 @@ struct Field {
   std::string_view name;
   std::string_view value;
 };
-
-char lower(char c) {
-  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(),
-                                            [](char x, char y) { return lower(x) == lower(y); });
-}
 
 bool isTokenCharacter(char c) {
   if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9')) return true;
@@ -69,7 +62,7 @@ std::optional<std::uint64_t> parseNumber(std::string_view text, int base) {
 
 std::string_view HttpResponseHead::header(std::string_view name) const {
   for (const auto& [key, value] : headers) {
-    if (equalsIgnoringCase(key, name)) return value;
+    if (platform::equalsIgnoringCase(key, name)) return value;
   }
   return {};
 }
@@ -83,20 +76,20 @@ struct HttpResponseParser::Framing {
   bool contradictory = false;
 
   void take(std::string_view name, std::string_view value) {
-    if (equalsIgnoringCase(name, "content-length")) {
+    if (platform::equalsIgnoringCase(name, "content-length")) {
       forEachElement(value, [this](std::string_view element) {
         const auto number = parseNumber(element, 10);
         if (!number || (length && *length != *number)) contradictory = true;
         length = number;
       });
-    } else if (equalsIgnoringCase(name, "transfer-encoding")) {
+    } else if (platform::equalsIgnoringCase(name, "transfer-encoding")) {
       // Only "chunked" alone can be undone here; another coding would reach the client as garbage.
-      if (chunked || !equalsIgnoringCase(value, "chunked")) contradictory = true;
+      if (chunked || !platform::equalsIgnoringCase(value, "chunked")) contradictory = true;
       chunked = true;
-    } else if (equalsIgnoringCase(name, "connection")) {
+    } else if (platform::equalsIgnoringCase(name, "connection")) {
       forEachElement(value, [this](std::string_view element) {
-        close = close || equalsIgnoringCase(element, "close");
-        keep_alive = keep_alive || equalsIgnoringCase(element, "keep-alive");
+        close = close || platform::equalsIgnoringCase(element, "close");
+        keep_alive = keep_alive || platform::equalsIgnoringCase(element, "keep-alive");
       });
     }
   }

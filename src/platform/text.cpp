@@ -1,9 +1,14 @@
 #include "platform/text.h"
 
+#include <algorithm>
 #include <cstdint>
 
 namespace tavrel::platform {
 namespace {
+
+char lower(char c) {
+  return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
 
 /// Length in bytes of the valid UTF-8 character at the start of `text`; 0 when there is none.
 std::size_t characterLength(std::string_view text) {
@@ -43,10 +48,13 @@ void appendHexByte(std::string& out, unsigned char byte) {
 
 std::string toLower(std::string_view text) {
   std::string lowered(text);
-  for (char& c : lowered) {
-    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-  }
+  for (char& c : lowered) c = lower(c);
   return lowered;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return std::equal(a.begin(), a.end(), b.begin(), b.end(),
+                    [](char x, char y) { return lower(x) == lower(y); });
 }
 
 std::string firstCharacters(std::string_view text, std::size_t max_characters) {

@@ -8,6 +8,7 @@ namespace tavrel::platform {
 
 /// ASCII letters in lower case; every other byte as it is.
 std::string toLower(std::string_view text);
+bool equalsIgnoringCase(std::string_view a, std::string_view b);
 
 /// The first `max_characters` UTF-8 characters of `text`, never half a character.
 std::string firstCharacters(std::string_view text, std::size_t max_characters);

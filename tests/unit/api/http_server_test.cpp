@@ -318,6 +318,21 @@ TEST(HttpServer, AStreamThatFailsEndsWithoutItsEndAndHurtsNobodyElse) {
   EXPECT_EQ(server.client().Get("/nothing")->status, 404);
 }
 
+TEST(HttpServer, AnOldClientGetsAStreamWithoutChunksThatTheCloseEnds) {
+  const TestServer server([](HttpServer& s) {
+    s.getStream("/stream", [](Context&, const Request&, StreamWriter& writer) {
+      writer.write("data: one\n\n");
+      writer.write("data: two\n\n");
+    });
+  });
+  RawClient client(server.port());
+  client.send("GET /stream HTTP/1.0\r\nConnection: Keep-Alive\r\n\r\n");
+  const std::string all = client.readAll();
+  EXPECT_NE(all.find("\r\n\r\ndata: one\n\ndata: two\n\n"), std::string::npos);
+  EXPECT_EQ(all.find("chunked"), std::string::npos);
+  EXPECT_EQ(all.find("keep-alive"), std::string::npos);
+}
+
 TEST(HttpServer, BlockedHandlersDoNotKeepOthersWaiting) {
   Gate gate;
   std::atomic<int> waiting{0};
