@@ -1,5 +1,6 @@
 #include "controller/services.h"
 
+#include "platform/files.h"
 #include "platform/host.h"
 #include "platform/random.h"
 
@@ -43,7 +44,9 @@ Services::Services(const Options& options)
       collector(metrics::MetricsCollector::getInstance()),
       history(metrics::MetricsHistory::instance()),
       worker_connections({}),
+      backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
       ai_control(http),
+      themes(http),
       local_server(http, options.local_model_server),
       models(workers, local_server, http, [this] { return routersWithModels(routers); }),
       chat({workers, ai_control, experts, routers, [this] { return scienceWorkerUrl(typed); }, http,

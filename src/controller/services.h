@@ -2,9 +2,13 @@
 
 #include "ai/ai_control.h"
 #include "ai/moe_router.h"
+#include "ai/theme_detector.h"
 #include "api/auth_middleware.h"
 #include "api/http_server.h"
 #include "cluster/router_registry.h"
+#include "cluster/routing_rule.h"
+#include "config/backend_profile_manager.h"
+#include "config/node_config.h"
 #include "controller/background_loops.h"
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
@@ -40,9 +44,13 @@ struct Services {
   worker::WorkerRegistry workers;
   worker::TypedWorkerRegistries typed;
   cluster::RouterRegistry routers;
+  cluster::RoutingRules routing_rules;
+  config::NodeConfigs node_configs;
+  config::BackendProfileManager backend_profiles;
 
   ai::AiControl ai_control;
   ai::MoeRouter experts;
+  ai::LazyThemeDetector themes;
   inference::LocalModelServer local_server;
   inference::ModelCatalogue models;
   inference::ChatProxy chat;

@@ -29,6 +29,9 @@ inline std::int64_t toEpochMilliseconds(WallTime time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
+/// "2026-01-31T12:00:00Z".
+std::string toUtcText(WallTime time);
+
 /// Milliseconds, fractions included, that have passed since `start`.
 inline double millisecondsSince(SteadyTime start) {
   return std::chrono::duration<double, std::milli>(steadyNow() - start).count();

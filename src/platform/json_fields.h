@@ -1,5 +1,7 @@
 #pragma once
 
+#include <array>
+#include <charconv>
 #include <cmath>
 #include <cstdint>
 #include <limits>
@@ -38,6 +40,16 @@ Number jsonNumber(const nlohmann::json& value) {
   if (wide >= static_cast<double>(Limits::max())) return Limits::max();
   if (wide <= static_cast<double>(Limits::lowest())) return Limits::lowest();
   return static_cast<Number>(wide);
+}
+
+/// A float as the double with the shortest decimals that mean it: 0.15 stays 0.15 in JSON, where a
+/// plain conversion would show 0.15000000596046448.
+inline double asWritten(float value) {
+  std::array<char, 32> text{};
+  const auto written = std::to_chars(text.data(), text.data() + text.size(), value);
+  double wide = value;
+  std::from_chars(text.data(), written.ptr, wide);
+  return wide;
 }
 
 /// The member `key` of a JSON object, or null.

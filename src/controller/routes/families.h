@@ -5,6 +5,7 @@
 
 namespace tavrel::ai {
 class AiControl;
+class LazyThemeDetector;
 class MoeRouter;
 }  // namespace tavrel::ai
 namespace tavrel::api {
@@ -13,7 +14,12 @@ class RouteBook;
 }  // namespace tavrel::api
 namespace tavrel::cluster {
 class RouterRegistry;
-}
+class RoutingRules;
+}  // namespace tavrel::cluster
+namespace tavrel::config {
+class BackendProfileManager;
+class NodeConfigs;
+}  // namespace tavrel::config
 namespace tavrel::events {
 class EventStreamService;
 }
@@ -26,6 +32,9 @@ namespace tavrel::metrics {
 class MetricsCollector;
 class MetricsHistory;
 }  // namespace tavrel::metrics
+namespace tavrel::net {
+class HttpClient;
+}
 namespace tavrel::worker {
 class TypedWorkerRegistries;
 class WorkerRegistry;
@@ -59,7 +68,14 @@ void addChatRoutes(api::RouteBook& book, inference::ChatProxy& chat);
 void addOpenAiRoutes(api::RouteBook& book, inference::OpenAiGateway& gateway);
 void addAiRoutes(api::RouteBook& book, const ControllerIdentity& self, ai::AiControl& control,
                  const cluster::RouterRegistry& routers, const worker::WorkerRegistry& workers);
+void addThemeRoutes(api::RouteBook& book, ai::LazyThemeDetector& detector,
+                    const ai::AiControl& control);
+void addRoutingRuleRoutes(api::RouteBook& book, cluster::RoutingRules& rules,
+                          const ai::LazyThemeDetector& detector);
 void addMoeRoutes(api::RouteBook& book, ai::MoeRouter& experts);
+void addConfigRoutes(api::RouteBook& book, config::NodeConfigs& configs);
+void addBackendRoutes(api::RouteBook& book, config::BackendProfileManager& profiles,
+                      net::HttpClient& http);
 void addEventRoutes(api::RouteBook& book, events::EventStreamService& events);
 void addMetricsRoutes(api::RouteBook& book, metrics::MetricsCollector& collector,
                       metrics::MetricsHistory& history);

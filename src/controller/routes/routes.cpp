@@ -16,6 +16,10 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addOpenAiRoutes(book, s.openai);
   addAiRoutes(book, s.self, s.ai_control, s.routers, s.workers);
   addMoeRoutes(book, s.experts);
+  addThemeRoutes(book, s.themes, s.ai_control);
+  addConfigRoutes(book, s.node_configs);
+  addBackendRoutes(book, s.backend_profiles, s.http);
+  addRoutingRuleRoutes(book, s.routing_rules, s.themes);
 }
 
 }  // namespace tavrel::controller
