@@ -38,7 +38,7 @@ void allAtOnce(benchmark::State& state) {
   for (const std::string& keyword : keywords()) finder.add(keyword);
   finder.build();
   for (auto _ : state) benchmark::DoNotOptimize(finder.find(KeywordFinder::prepare(text)));
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 BENCHMARK(allAtOnce)->Unit(benchmark::kMicrosecond);
 
@@ -49,7 +49,7 @@ void oneSearchEach(benchmark::State& state) {
     const std::string prepared = KeywordFinder::prepare(text);
     for (const std::string& word : words) benchmark::DoNotOptimize(prepared.find(word));
   }
-  state.SetBytesProcessed(static_cast<std::int64_t>(state.iterations() * text.size()));
+  state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(text.size()));
 }
 BENCHMARK(oneSearchEach)->Unit(benchmark::kMicrosecond);
 
