@@ -1,8 +1,11 @@
 #pragma once
 
+#include <algorithm>
+#include <bit>
 #include <concepts>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -40,12 +43,14 @@ class ByteReader {
   template <std::unsigned_integral Number>
   Number number() {
     if (filled_ - at_ < sizeof(Number)) fill(sizeof(Number));
-    std::uint64_t value = 0;
-    for (std::size_t byte = 0; byte < sizeof(Number); ++byte) {
-      value |= std::uint64_t{buffer_[at_ + byte]} << (8 * byte);
+    unsigned char* const start = buffer_.get() + at_;
+    if constexpr (std::endian::native == std::endian::big) {
+      std::reverse(start, start + sizeof(Number));
     }
+    Number value = 0;
+    std::memcpy(&value, start, sizeof(Number));
     at_ += sizeof(Number);
-    return static_cast<Number>(value);
+    return value;
   }
 
   /// The next bytes, at most kMaxViewBytes. Valid until the next call of a method.

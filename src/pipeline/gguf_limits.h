@@ -12,8 +12,8 @@ namespace tavrel::pipeline {
 inline constexpr std::uint64_t kMaxHeaderBytesRead = std::uint64_t{128} << 20;
 inline constexpr std::uint64_t kMaxKeys = 65'536;
 inline constexpr std::uint64_t kMaxTensors = 131'072;
-/// Names of all tensors together: what is kept of a header in memory is a few tens of megabytes.
-inline constexpr std::uint64_t kMaxTensorNameBytes = std::uint64_t{16} << 20;
+/// Names of all keys and tensors together: they are searched, and those of tensors are kept.
+inline constexpr std::uint64_t kMaxNameBytes = std::uint64_t{16} << 20;
 inline constexpr std::uint32_t kMaxTensorDimensions = 16;
 /// Strings and inner arrays in all arrays of a file together. Numbers are skipped at once and are
 /// limited by the file's size alone.

@@ -104,8 +104,16 @@ class HeaderReader {
   }
 
  private:
+  /// Empty for a name that is too long. Valid until something else is read.
+  std::string_view readName() {
+    const std::string_view name = values_.readString().value_or("");
+    name_bytes_ += name.size();
+    if (name_bytes_ > kMaxNameBytes) throw FileError("the names are too long");
+    return name;
+  }
+
   void readKey() {
-    const std::string_view key = values_.readString().value_or("");
+    const std::string_view key = readName();
     if (key == "general.architecture") {
       readInto(meta_.architecture);
     } else if (key == "general.name") {
@@ -140,11 +148,7 @@ class HeaderReader {
 
   void readTensor() {
     GGUFTensorInfo tensor;
-    if (const auto name = values_.readString()) {
-      name_bytes_ += name->size();
-      if (name_bytes_ > kMaxTensorNameBytes) throw FileError("the tensors' names are too long");
-      tensor.name = platform::replaceInvalidUtf8(*name);
-    }
+    tensor.name = platform::replaceInvalidUtf8(readName());
     const auto dimensions = bytes_.number<std::uint32_t>();
     if (dimensions > kMaxTensorDimensions) {
       throw FileError("a tensor has " + std::to_string(dimensions) + " dimensions");
@@ -172,7 +176,7 @@ class HeaderReader {
   ByteReader& bytes_;
   GGUFValueReader values_;
   GGUFModelMetadata& meta_;
-  std::uint64_t name_bytes_ = 0;
+  std::uint64_t name_bytes_ = 0;  ///< of all keys and tensors so far
 };
 
 constexpr std::string_view kLayerPrefix = "blk.";
