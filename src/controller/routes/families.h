@@ -32,9 +32,16 @@ namespace tavrel::metrics {
 class MetricsCollector;
 class MetricsHistory;
 }  // namespace tavrel::metrics
+namespace tavrel::models {
+class ModelDistribution;
+class ModelRegistry;
+class PullJobs;
+class TrainingJobs;
+}  // namespace tavrel::models
 namespace tavrel::net {
 class HttpClient;
-}
+class WorkerClient;
+}  // namespace tavrel::net
 namespace tavrel::worker {
 class TypedWorkerRegistries;
 class WorkerRegistry;
@@ -63,6 +70,12 @@ void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& t
                           const worker::WorkerRegistry& workers,
                           events::EventStreamService& events);
 void addModelListRoutes(api::RouteBook& book, const inference::ModelCatalogue& models);
+/// `local_model_server` is asked about models that no worker has loaded.
+void addModelRoutes(api::RouteBook& book, const worker::WorkerRegistry& workers,
+                    models::PullJobs& jobs, models::ModelDistribution& distribution,
+                    net::WorkerClient& client, const std::string& local_model_server);
+void addModelRegistryRoutes(api::RouteBook& book, models::ModelRegistry& registry);
+void addTrainingRoutes(api::RouteBook& book, models::TrainingJobs& jobs);
 void addChatRoutes(api::RouteBook& book, inference::ChatProxy& chat);
 /// The OpenAI surface: chat completions, completions and embeddings.
 void addOpenAiRoutes(api::RouteBook& book, inference::OpenAiGateway& gateway);

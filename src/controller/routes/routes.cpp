@@ -12,6 +12,10 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
+  addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
+                 s.local_server.baseUrl());
+  addModelRegistryRoutes(book, s.model_registry);
+  addTrainingRoutes(book, s.training_jobs);
   addChatRoutes(book, s.chat);
   addOpenAiRoutes(book, s.openai);
   addAiRoutes(book, s.self, s.ai_control, s.routers, s.workers);
