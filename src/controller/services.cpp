@@ -59,6 +59,8 @@ Services::Services(const Options& options)
       training_jobs(worker_client, typed.of(worker::WorkerKind::kTraining), model_registry),
       pull_jobs(worker_client, events),
       distribution(worker_client, workers, model_registry),
+      pipelines(worker_client, workers,
+                [this] { return model_registry.storageWorkerUrl(platform::wallNow()); }),
       local_server(http, options.local_model_server),
       models(workers, local_server, http,
              [this] { return nodesWithModels(routers, model_registry); }),

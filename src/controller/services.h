@@ -26,6 +26,7 @@
 #include "net/http_client.h"
 #include "net/worker_client.h"
 #include "net/worker_connection_pool.h"
+#include "pipeline/pipeline_coordinator.h"
 #include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
 
@@ -61,6 +62,7 @@ struct Services {
   models::TrainingJobs training_jobs;
   models::PullJobs pull_jobs;
   models::ModelDistribution distribution;
+  pipeline::PipelineCoordinator pipelines;
   inference::LocalModelServer local_server;
   inference::ModelCatalogue models;
   inference::ChatProxy chat;

@@ -92,9 +92,9 @@ Outcome ModelDistribution::fromLibrary(const DistributionRequest& request, const
   for (const TargetWorker& target : targets) {
     const std::string failure =
         target.base_url.empty() ? kNotFound
-                                : net::reportedFailure(client_.post(net::CallKind::kPull,
-                                                           target.base_url + "/api/v1/models/pull",
-                                                           json{{"model", request.model}}));
+                                : net::reportedFailure(client_.post(
+                                      net::CallKind::kPull, target.base_url + "/api/v1/models/pull",
+                                      json{{"model", request.model}}));
     results.push_back(entryFor(target, failure));
   }
   return distributing(request, std::move(results));

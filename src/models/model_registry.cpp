@@ -60,4 +60,15 @@ std::optional<nlohmann::json> ModelRegistry::describe(const std::string& base_ur
   return entry.is_object() ? std::move(entry) : nlohmann::json::object();
 }
 
+nlohmann::json listedModels(const std::string& text) {
+  nlohmann::json answer = net::parsedJson(text);
+  if (answer.is_object()) answer = answer.value("models", nlohmann::json());
+  nlohmann::json entries = nlohmann::json::array();
+  if (!answer.is_array()) return entries;
+  for (nlohmann::json& entry : answer) {
+    if (entry.is_object()) entries.push_back(std::move(entry));
+  }
+  return entries;
+}
+
 }  // namespace tavrel::models

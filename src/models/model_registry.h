@@ -42,4 +42,8 @@ class ModelRegistry {
   const worker::TypedWorkerRegistry& data_workers_;
 };
 
+/// The entries, which are objects, of a data worker's list of models: a bare array, or an object
+/// with a "models" array. Anything else has none.
+nlohmann::json listedModels(const std::string& text);
+
 }  // namespace tavrel::models
