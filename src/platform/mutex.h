@@ -18,6 +18,8 @@ class TV_CAPABILITY("mutex") Mutex {
 
   void lock() TV_ACQUIRE() { mutex_.lock(); }
   void unlock() TV_RELEASE() { mutex_.unlock(); }
+  /// False when somebody else holds it.
+  bool tryLock() TV_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
 
  private:
   std::mutex mutex_;

@@ -15,5 +15,6 @@
 #define TV_ACQUIRE_SHARED(...) TV_ATTRIBUTE(acquire_shared_capability(__VA_ARGS__))
 #define TV_RELEASE_SHARED(...) TV_ATTRIBUTE(release_shared_capability(__VA_ARGS__))
 #define TV_ACQUIRE(...) TV_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TV_TRY_ACQUIRE(...) TV_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define TV_RELEASE(...) TV_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TV_NO_ANALYSIS TV_ATTRIBUTE(no_thread_safety_analysis)
