@@ -107,8 +107,10 @@ bool ClusterManager::start() {
   }
   registry_.registerNode(self);
   last_health_pass_ = env_.now();
-  health_.start();
-  announcer_.start();
+  if (env_.threads) {
+    health_.start();
+    announcer_.start();
+  }
   for (const std::string& seed : config.seed_nodes) {
     env_.print("[Cluster] Joining seed node: " + seed);
     joinCluster(seed);
@@ -129,6 +131,10 @@ void ClusterManager::stop() {
 }
 
 bool ClusterManager::joinCluster(const std::string& seed) {
+  return join(seed, Join::kFirst);
+}
+
+bool ClusterManager::join(const std::string& seed, Join kind) {
   ClusterCall call;
   call.to = parseEndpoint(seed, getConfig().discovery_port);
   call.path = "/cluster/join";
@@ -144,7 +150,7 @@ bool ClusterManager::joinCluster(const std::string& seed) {
   }
   std::string seed_id;
   try {
-    readJoinAnswer(answer.body, seed_id);
+    seed_id = readJoinAnswer(answer.body, kind);
   } catch (const std::exception& error) {
     env_.print(std::string("[Cluster] Failed to parse join response: ") + error.what());
     return false;
@@ -159,25 +165,28 @@ bool ClusterManager::joinCluster(const std::string& seed) {
   return true;
 }
 
-void ClusterManager::readJoinAnswer(const std::string& body, std::string& seed_id) {
+std::string ClusterManager::readJoinAnswer(const std::string& body, Join kind) {
   const json answer = platform::parseForeignJson(body);
-  if (!answer.is_object()) return;
-  const auto take = [this](const json& object) -> std::string {
-    const auto node = joinedNode(object, env_.now());
-    if (!node) return "";
-    if (registry_.isOwnNode(*node)) return node->id;
-    registry_.registerNode(*node);
-    env_.print("[Cluster] Discovered node: " + node->hostname);
-    return node->id;
-  };
+  if (!answer.is_object()) return "";
   const json* self = platform::jsonMember(answer, "self");
-  if (self != nullptr && self->is_object()) seed_id = take(*self);
+  const std::string seed_id = self == nullptr || !self->is_object() ? "" : discover(*self, kind);
   const json* nodes = platform::jsonMember(answer, "nodes");
-  if (nodes == nullptr || !nodes->is_array()) return;
+  if (nodes == nullptr || !nodes->is_array()) return seed_id;
   for (const json& object : *nodes) {
     const json* id = object.is_object() ? platform::jsonMember(object, "id") : nullptr;
-    if (id == nullptr || *id != seed_id) take(object);
+    if (id == nullptr || *id != seed_id) discover(object, kind);
   }
+  return seed_id;
+}
+
+std::string ClusterManager::discover(const json& object, Join kind) {
+  const auto node = joinedNode(object, env_.now());
+  if (!node) return "";
+  const bool known = registry_.getNode(node->id) != nullptr;
+  if (registry_.isOwnNode(*node) || (known && kind == Join::kAgain)) return node->id;
+  registry_.registerNode(*node);
+  env_.print("[Cluster] Discovered node: " + node->hostname);
+  return node->id;
 }
 
 std::vector<NodePtr> ClusterManager::otherNodes() const {
@@ -186,11 +195,16 @@ std::vector<NodePtr> ClusterManager::otherNodes() const {
   return nodes;
 }
 
-std::vector<std::string> ClusterManager::seedsToJoin() const {
+std::vector<std::string> ClusterManager::seedsToJoin() {
   std::vector<Seed> seeds;
+  std::size_t pass = 0;
   {
     const MutexLock lock(mu_);
     seeds = seeds_;
+    pass = ++announcements_;
+  }
+  if (!seeds.empty() && pass % kPassesPerRefresh == 0) {
+    seeds[pass / kPassesPerRefresh % seeds.size()].answered = false;
   }
   const bool alone = otherNodes().empty();
   std::vector<std::string> to_join;
@@ -208,7 +222,7 @@ void ClusterManager::announcePresence() {
   std::vector<std::function<void()>> jobs;
   for (const std::string& seed : seedsToJoin()) {
     jobs.emplace_back([this, seed] {
-      if (!stopping_) joinCluster(seed);
+      if (!stopping_) join(seed, Join::kAgain);
     });
   }
   for (const NodePtr& node : otherNodes()) {

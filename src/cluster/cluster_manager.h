@@ -27,20 +27,22 @@ enum class ClusterEventType : std::int32_t;
 struct ClusterEvent;
 
 /// What the cluster needs from outside. Tests put in their own network, clock and randomness; with
-/// `at_once` 1 everything happens on the calling thread, in a fixed order.
+/// `at_once` 1 and without threads everything happens on the calling thread, in a fixed order.
 struct ClusterEnvironment {
   ClusterTransport& transport;
   std::function<platform::SteadyTime()> now = platform::steadyNow;
   std::function<std::string()> make_id = platform::generateUUID;
   std::function<void(std::string_view)> print = platform::printLine;
   std::size_t at_once = 64;  ///< calls that may be under way side by side
+  bool threads = true;  ///< start begins the periodic passes; else they are called from outside
 };
 
 /// This process's membership of a cluster of controllers: joins the seeds, announces itself to
 /// every node it knows, probes them and gives up those that are silent.
 ///
 /// Seeds that did not answer, or whose node has been lost since, are joined again with every
-/// announcement: so a cluster that fell apart grows together again.
+/// announcement, and one of the others with every tenth: so a cluster that fell apart grows
+/// together again, and two nodes that lost only each other find out.
 ///
 /// Threads: any may call; start, stop and the destructor belong to the owner. The threads are
 ///   `cluster-health` and `cluster-announce`; calls within a pass run side by side. mu_ is a leaf.
@@ -54,6 +56,7 @@ class ClusterManager {
 
   static constexpr std::chrono::milliseconds kHealthTick{500};
   static constexpr std::chrono::seconds kAnnouncePeriod{30};
+  static constexpr std::size_t kPassesPerRefresh = 10;
   static constexpr std::chrono::seconds kAnnounceTimeout{2};
   static constexpr std::chrono::seconds kJoinConnectTimeout{3};
   static constexpr std::chrono::seconds kJoinTimeout{5};
@@ -104,9 +107,13 @@ class ClusterManager {
     std::string node_id{};  ///< empty when it did not tell
   };
 
+  enum class Join { kFirst, kAgain };  ///< again: what is known of others already stays
+
   void probe(const NodeInfo& node);
-  void readJoinAnswer(const std::string& body, std::string& seed_id);
-  std::vector<std::string> seedsToJoin() const TV_EXCLUDES(mu_);
+  bool join(const std::string& seed, Join kind) TV_EXCLUDES(mu_);
+  std::string readJoinAnswer(const std::string& body, Join kind);  ///< the seed's id, if it told
+  std::string discover(const nlohmann::json& object, Join kind);
+  std::vector<std::string> seedsToJoin() TV_EXCLUDES(mu_);
   std::vector<NodePtr> otherNodes() const;
 
   NodeRegistry& registry_;
@@ -123,6 +130,7 @@ class ClusterManager {
   ClusterConfig config_ TV_GUARDED_BY(mu_);
   NodeInfo self_ TV_GUARDED_BY(mu_);
   std::vector<Seed> seeds_ TV_GUARDED_BY(mu_);
+  std::size_t announcements_ TV_GUARDED_BY(mu_) = 0;
 
   platform::PeriodicTask health_;  // last: their threads use all of the above
   platform::PeriodicTask announcer_;

@@ -81,8 +81,10 @@ GossipProtocol::~GossipProtocol() {
 bool GossipProtocol::start() {
   stopping_ = false;
   running_ = true;
-  gossip_.start();
-  sync_.start();
+  if (env_.threads) {
+    gossip_.start();
+    sync_.start();
+  }
   env_.print("[Gossip] Started gossip protocol for " + self_.id);
   return true;
 }
