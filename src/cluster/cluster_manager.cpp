@@ -296,8 +296,9 @@ json ClusterManager::handleJoin(const json& body) {
   if (auto node = joinedNode(body, env_.now()); node && !registry_.isOwnNode(*node)) {
     registry_.registerNode(*std::move(node));
   }
-  return {
-      {"success", true}, {"nodes", getClusterStats()["nodes"]}, {"self", getSelfNode().toJson()}};
+  json nodes = json::array();
+  for (const NodePtr& node : registry_.getAllNodes()) nodes.push_back(node->toJson());
+  return {{"success", true}, {"nodes", std::move(nodes)}, {"self", getSelfNode().toJson()}};
 }
 
 void ClusterManager::handleAnnounce(const json& body) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <string>
 #include <utility>
@@ -56,7 +57,7 @@ struct FakeWorld {
   }
 
  private:
-  int next_id = 0;
+  std::atomic<int> next_id{0};
 };
 
 }  // namespace tavrel::test

@@ -309,13 +309,17 @@ TEST_F(GossipTest, NobodyWaitsForAHungPeer) {
   released = true;
 }
 
-TEST_F(GossipTest, TheTableOfPeersIsBounded) {
-  for (int i = 0; i < 1500; ++i) {
-    GossipMessage join = aMessage(Type::JOIN, nullptr, "p" + std::to_string(i));
-    join.sender_port = i;
-    gossip.handleMessage(join);
+TEST(GossipPeers, TheTableIsBounded) {
+  GossipPeers peers(GossipConfig{}, 1);
+  const platform::SteadyTime now{std::chrono::hours{1}};
+  const auto most = static_cast<std::int32_t>(GossipConfig{}.max_peers);
+  for (std::int32_t i = 0; i < most; ++i) {
+    EXPECT_TRUE(peers.join("p" + std::to_string(i), {"h", i}, now));
   }
-  EXPECT_EQ(gossip.getPeerCount(), GossipConfig{}.max_peers);
+  EXPECT_FALSE(peers.join("more", {"h", most}, now));
+  EXPECT_FALSE(peers.add({"more", 1}, now));
+  EXPECT_TRUE(peers.join("successor", {"h", 7}, now));
+  EXPECT_EQ(peers.size(), GossipConfig{}.max_peers);
 }
 
 }  // namespace
