@@ -10,8 +10,9 @@ using platform::escapeHtml;
 
 constexpr const char* kStyle = R"(
 :root { color-scheme: light dark; }
-body { max-width: 500px; margin: 12vh auto 0; padding: 0 24px; text-align: center;
-  font: 16px/1.5 system-ui, -apple-system, "Segoe UI", Roboto, sans-serif; overflow-wrap: anywhere; }
+body { box-sizing: border-box; max-width: 500px; margin: 12vh auto 0; padding: 0 24px;
+  font: 16px/1.5 system-ui, -apple-system, "Segoe UI", Roboto, sans-serif;
+  text-align: center; overflow-wrap: anywhere; }
 h1 { font-size: 1.5rem; margin: 0 0 .75rem; }
 p { margin: 0 0 .75rem; }
 .success { color: #15803d; }
