@@ -60,16 +60,13 @@ bool isHost(std::string_view text) {
          text.find_first_of(" /?#@\\%") == std::string_view::npos;
 }
 
-/// The address of "Name <address>".
+/// The address of "address" or "Name <address>"; empty when it is neither.
 std::string bareAddress(const std::string& text) {
-  const std::size_t begin = text.rfind('<');
-  const std::size_t end = text.rfind('>');
-  if (begin == std::string::npos || end == std::string::npos || end < begin) return text;
-  return text.substr(begin + 1, end - begin - 1);
-}
-
-bool isAddress(const std::string& text) {
-  return !text.empty() && !hasControls(text) && text.find_first_of(" <>") == std::string::npos;
+  if (hasControls(text)) return "";
+  const std::size_t begin = text.ends_with('>') ? text.find('<') : std::string::npos;
+  const std::string address =
+      begin == std::string::npos ? text : text.substr(begin + 1, text.size() - begin - 2);
+  return address.find_first_of(" <>") == std::string::npos ? address : "";
 }
 
 std::string urlOf(const SmtpServer& server) {
@@ -140,7 +137,7 @@ std::string SmtpClient::send(const SmtpServer& server, const SmtpMessage& messag
   const std::string sender = bareAddress(message.sender);
   const std::string recipient = bareAddress(message.recipient);
   if (!isHost(server.host) || !isPort(server.port)) return curl_easy_strerror(CURLE_URL_MALFORMAT);
-  if (!isAddress(sender) || !isAddress(recipient)) return "Not a mail address";
+  if (sender.empty() || recipient.empty()) return "Not a mail address";
 
   const Handle handle(curl_easy_init(), &curl_easy_cleanup);
   const List recipients(curl_slist_append(nullptr, recipient.c_str()), &curl_slist_free_all);
