@@ -15,12 +15,12 @@ using testing::HasSubstr;
 
 const std::string kAuth = "/api/v1/auth/";
 
-class AccountRoutesTest : public testing::Test {
+class OwnAccountRoutesTest : public testing::Test {
  protected:
   AccountServer server_;
 };
 
-TEST_F(AccountRoutesTest, TheFirstAccountEndsTheSetup) {
+TEST_F(OwnAccountRoutesTest, TheFirstAccountEndsTheSetup) {
   EXPECT_EQ(server_.get(kAuth + "setup-status").body, R"({"first_time_setup":true})");
   const AccountReply made = server_.registerUser("ada@lab.org");
   EXPECT_EQ(made.status, 201);
@@ -51,7 +51,7 @@ TEST_F(AccountRoutesTest, TheFirstAccountEndsTheSetup) {
   EXPECT_TRUE(founder.json.contains("org_id"));
 }
 
-TEST_F(AccountRoutesTest, RefusalsNameWhatIsMissing) {
+TEST_F(OwnAccountRoutesTest, RefusalsNameWhatIsMissing) {
   server_.registerUser("ada@lab.org");
   struct Case {
     const char* path;
@@ -108,7 +108,7 @@ TEST_F(AccountRoutesTest, RefusalsNameWhatIsMissing) {
   EXPECT_EQ(server_.get(kAuth + "me").status, 401);
 }
 
-TEST_F(AccountRoutesTest, ASessionLastsUntilLogout) {
+TEST_F(OwnAccountRoutesTest, ASessionLastsUntilLogout) {
   server_.registerUser("ada@lab.org");
   const AccountReply login = server_.login("ada@lab.org");
   const std::string token = login.json["token"];
@@ -142,7 +142,7 @@ TEST_F(AccountRoutesTest, ASessionLastsUntilLogout) {
   EXPECT_EQ(server_.postText(kAuth + "logout", "").status, 200);
 }
 
-TEST_F(AccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
+TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
   server_.registerUser("ada@lab.org");
   const std::string one = server_.login("ada@lab.org").json["token"];
   const std::string two = server_.login("ada@lab.org").json["token"];
@@ -157,7 +157,7 @@ TEST_F(AccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
   EXPECT_EQ(server_.login("ada@lab.org", "password2").status, 200);
 }
 
-TEST_F(AccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped) {
+TEST_F(OwnAccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped) {
   server_.registerUser("ada@lab.org");
   const std::string evil = "<script>alert(1)</script>\"'&@far.org";
   const std::string path = kAuth + "verify-email?token=" +
@@ -181,7 +181,7 @@ TEST_F(AccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped) {
             R"({"email":"bob@lab.org","status":"verified"})");
 }
 
-TEST_F(AccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
+TEST_F(OwnAccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
   server_.registerUser("ada@lab.org");
   const auto forgotten = [&](const char* email) {
     testing::internal::CaptureStdout();
@@ -208,7 +208,7 @@ TEST_F(AccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
   EXPECT_EQ(server_.login("ada@lab.org", "password2").status, 200);
 }
 
-TEST(AccountRoutesWithoutAccounts, SayThatThereAreNone) {
+TEST(OwnAccountRoutesWithoutAccounts, SayThatThereAreNone) {
   const AccountServer off("admin", false);
   EXPECT_EQ(off.registerUser("a@b.org").refusal(), "403 Registration requires --auth-mode full");
   EXPECT_EQ(off.login("a@b.org").refusal(), "403 Login requires --auth-mode full");
