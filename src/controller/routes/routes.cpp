@@ -4,7 +4,9 @@
 namespace tavrel::controller {
 
 void addAllRoutes(api::RouteBook& book, Services& s) {
-  addAuthRoutes(book, s.auth, s.auth_mode);
+  addAuthRoutes(book, s.auth, s.accounts);
+  addAccountRoutes(book, s.accounts, s.smtp);
+  addSmtpRoutes(book, s.accounts, s.smtp);
   addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);
