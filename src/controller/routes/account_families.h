@@ -1,0 +1,21 @@
+#pragma once
+
+#include "api/auth_middleware.h"
+#include "api/route_book.h"
+#include "controller/routes/account_access.h"
+
+// The families of the user accounts. What they get must outlive the server; AccountAccess is
+// copied.
+namespace tavrel::controller {
+
+/// Users, the approval of registrations and the administrators' overview. Without user accounts
+/// the users are the API keys of `auth`.
+void addUserRoutes(api::RouteBook& book, const AccountAccess& access,
+                   const api::AuthMiddleware& auth);
+void addOrganizationRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Personal settings and conversations.
+void addUserDataRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Credentials and quotas.
+void addCredentialRoutes(api::RouteBook& book, const AccountAccess& access);
+
+}  // namespace tavrel::controller
