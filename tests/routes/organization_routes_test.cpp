@@ -79,7 +79,9 @@ TEST_F(OrganizationRoutesTest, RefusalsNameWhatIsMissing) {
             "500 Failed to create organization");
   EXPECT_EQ(refusal(send("", "GET", "/api/v1/orgs/org_x")), "404 Organization not found");
   EXPECT_EQ(refusal(send("", "PUT", "/api/v1/orgs/org_x", "{")), "404 Organization not found");
-  EXPECT_EQ(refusal(send("", "PUT", "/api/v1/orgs/org_acme", "{")), "400 Invalid JSON body");
+  for (const char* body : {"{", R"({"settings": "dark"})", R"({"settings": "[]"})"}) {
+    EXPECT_EQ(refusal(send("", "PUT", "/api/v1/orgs/org_acme", body)), "400 Invalid JSON body");
+  }
   EXPECT_EQ(refusal(send("", "GET", "/api/v1/orgs/org_x/usage")), "404 Organization not found");
   EXPECT_EQ(refusal(send("root", "DELETE", "/api/v1/orgs/org_x")), "404 Organization not found");
 

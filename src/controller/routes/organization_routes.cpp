@@ -5,9 +5,11 @@
 #include "controller/routes/account_body.h"
 #include "controller/routes/account_families.h"
 #include "controller/routes/account_guards.h"
+#include "controller/routes/route_input.h"
 #include "identity/crypto.h"
 #include "identity/new_organization.h"
 #include "platform/json_fields.h"
+#include "platform/json_text.h"
 #include "platform/text.h"
 
 namespace tavrel::controller {
@@ -28,6 +30,15 @@ Response organizationNotFound() {
 
 Response notAMember() {
   return Response::error(404, "User not in this organization");
+}
+
+/// Whether settings that are sent as text, as the answers show them, are a JSON object.
+bool hasSettingsObject(const json& body) {
+  const json* settings = platform::jsonMember(body, "settings");
+  if (settings == nullptr || !settings->is_string()) return true;
+  const auto& text = settings->get_ref<const std::string&>();
+  return platform::jsonWithinLimits(text, platform::kMaxForeignJsonDepth) &&
+         json::parse(text, nullptr, /*allow_exceptions=*/false).is_object();
 }
 
 /// Takes over what the body has. Settings are an object, or its text as the answers show it.
@@ -93,6 +104,7 @@ struct OrganizationRoutes {
       return *refusal;
     }
     const json& body = *request.json();
+    if (!hasSettingsObject(body)) return invalidJsonBody();
     // Whoever has an address of the domain is admitted without being asked.
     if (body.contains("email_domain") && !access.isAdmin(context, request)) {
       return adminRoleRequired();
