@@ -4,6 +4,13 @@
 #include "api/route_book.h"
 #include "controller/routes/account_access.h"
 
+namespace tavrel::net {
+class WorkerClient;
+}
+namespace tavrel::worker {
+class TypedWorkerRegistry;
+}
+
 // The families of the user accounts. What they get must outlive the server; AccountAccess is
 // copied.
 namespace tavrel::controller {
@@ -17,5 +24,8 @@ void addOrganizationRoutes(api::RouteBook& book, const AccountAccess& access);
 void addUserDataRoutes(api::RouteBook& book, const AccountAccess& access);
 /// Credentials and quotas.
 void addCredentialRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Tenants live on the data workers, who are asked.
+void addTenantRoutes(api::RouteBook& book, const worker::TypedWorkerRegistry& data_workers,
+                     net::WorkerClient& client);
 
 }  // namespace tavrel::controller
