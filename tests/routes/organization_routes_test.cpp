@@ -92,6 +92,10 @@ TEST_F(OrganizationRoutesTest, RefusalsNameWhatIsMissing) {
   EXPECT_EQ(asManager("POST", invite, ""), "400 JSON body required");
   EXPECT_EQ(asManager("POST", "/api/v1/orgs/org_x/invite", "{}"), "404 Organization not found");
   EXPECT_EQ(asManager("POST", invite, "{}"), "400 Email required");
+  addOrganization("closed");
+  ASSERT_TRUE(store_->deleteOrganization("org_closed"));
+  EXPECT_EQ(asManager("POST", "/api/v1/orgs/org_closed/invite", R"({"email": "ann@example.org"})"),
+            "404 Organization not found");
   EXPECT_EQ(asManager("POST", invite, R"({"email": "nobody"})"),
             "404 User not found with that email");
   const char* role = "/api/v1/orgs/org_acme/users/usr_ann/role";

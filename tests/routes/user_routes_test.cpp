@@ -77,7 +77,7 @@ TEST_F(UserRoutesTest, RefusalsOfANewAccountNameTheReason) {
   };
   json body = {{"email", "a@b.c"}};
   EXPECT_EQ(refused(body), "400 email and password are required");
-  body["password"] = "1234567";
+  body["password"] = "s\u00e9ven77";
   EXPECT_EQ(refused(body), "400 Password must be at least 8 characters");
   body["password"] = "12345678";
   body["registration_type"] = "robot";
@@ -88,6 +88,12 @@ TEST_F(UserRoutesTest, RefusalsOfANewAccountNameTheReason) {
   body["registration_type"] = "user";
   body["org_id"] = "org_none";
   EXPECT_EQ(refused(body), "404 Organization not found");
+  addOrganization("closed");
+  ASSERT_TRUE(store_->deleteOrganization("org_closed"));
+  body["org_id"] = "org_closed";
+  EXPECT_EQ(refused(body), "404 Organization not found");
+  body["email"] = "a@b.c\r\nBcc: all@example.org";
+  EXPECT_EQ(refused(body), "400 Invalid email address");
   body["email"] = "reader@example.org";
   EXPECT_EQ(refused(body), "409 Email already registered");
   EXPECT_EQ(store_->listUsers().size(), 3U);

@@ -7,6 +7,7 @@
 #include "controller/routes/route_input.h"
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
+#include "platform/text.h"
 
 namespace tavrel::controller {
 
@@ -49,6 +50,10 @@ std::optional<Response> refusedBody(const api::Request& request,
   if (!request.json() || !request.json()->is_object()) return Response::error(400, not_json);
   if (!hasTypes(*request.json(), members)) return invalidJsonBody();
   return std::nullopt;
+}
+
+bool isTooShort(const std::string& password) {
+  return platform::firstCharacters(password, kLeastPasswordCharacters - 1) == password;
 }
 
 std::string textOr(const json& object, const char* name, std::string fallback) {

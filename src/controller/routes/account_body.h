@@ -44,8 +44,9 @@ std::string jsonText(const nlohmann::json& value);
 /// The same for a member; `fallback` when it is not there.
 std::string jsonTextOr(const nlohmann::json& object, const char* name, std::string fallback);
 
-/// Bytes that a password has at least.
-inline constexpr std::size_t kMinPasswordLength = 8;
+inline constexpr std::size_t kLeastPasswordCharacters = 8;
+
+bool isTooShort(const std::string& password);
 
 inline api::Response passwordTooShort() {
   return api::Response::error(400, "Password must be at least 8 characters");

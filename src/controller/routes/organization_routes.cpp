@@ -131,7 +131,8 @@ struct OrganizationRoutes {
       return *refusal;
     }
     const std::string org_id = request.getPathParam("id");
-    if (!store().getOrganization(org_id)) return organizationNotFound();
+    const auto organization = store().getOrganization(org_id);
+    if (!organization || !organization->active) return organizationNotFound();
     const std::string email = textOr(*request.json(), "email");
     if (email.empty()) return Response::error(400, "Email required");
     const auto invited = store().findByEmail(email);

@@ -10,6 +10,7 @@
 #include "identity/crypto.h"
 #include "identity/new_organization.h"
 #include "platform/json_fields.h"
+#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -69,7 +70,7 @@ struct NewAccount {
     if (email.empty() || password.empty()) {
       return Response::error(400, "email and password are required");
     }
-    if (password.size() < kMinPasswordLength) return passwordTooShort();
+    if (isTooShort(password)) return passwordTooShort();
     if (type != "user" && !withOrganization()) {
       return Response::error(
           400, "registration_type must be 'user', 'organization', or 'user_organization'");
@@ -77,6 +78,8 @@ struct NewAccount {
     if (withOrganization() && org_name.empty()) {
       return Response::error(400, "org_name is required for organization registration");
     }
+    // It goes into the headers of mails.
+    if (platform::singleLine(email) != email) return Response::error(400, "Invalid email address");
     return std::nullopt;
   }
 
@@ -140,7 +143,7 @@ struct UserRoutes {
         return Response::error(500, "Failed to create organization");
       }
       user.org_id = own.id;
-    } else if (!user.org_id.empty() && !store().getOrganization(user.org_id)) {
+    } else if (!user.org_id.empty() && !canBeJoined(user.org_id)) {
       return Response::error(404, "Organization not found");
     }
     if (store().createUser(user)) return Response::created(user.toJson());
@@ -163,7 +166,7 @@ struct UserRoutes {
     const json& body = *request.json();
     const bool new_password = body.contains("password");
     const std::string password = textOr(body, "password");
-    if (new_password && password.size() < kMinPasswordLength) return passwordTooShort();
+    if (new_password && isTooShort(password)) return passwordTooShort();
     ChangedUser changed =
         changeUserFor(access, context, request, id, [&](User& user) -> std::optional<Response> {
           platform::readField(body, "role", user.role);
@@ -232,6 +235,11 @@ struct UserRoutes {
     }
     const std::size_t count = keys.size();
     return Response::ok({{"users", std::move(keys)}, {"count", count}});
+  }
+
+  bool canBeJoined(const std::string& org_id) const {
+    const auto organization = store().getOrganization(org_id);
+    return organization && organization->active;
   }
 
   static Response emailTaken() { return Response::error(409, "Email already registered"); }
