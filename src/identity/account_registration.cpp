@@ -1,5 +1,6 @@
 #include "identity/account_service.h"
 #include "identity/crypto.h"
+#include "identity/new_organization.h"
 #include "platform/text.h"
 
 namespace tavrel::identity {
@@ -52,13 +53,8 @@ Outcome<Registration> AccountService::registerAccount(const RegistrationForm& fo
 std::optional<AccountFault> AccountService::joinOrganization(const RegistrationForm& form,
                                                              Registration& made) {
   if (bringsOrganization(form)) {
-    Organization organization;
-    organization.id = crypto::generateOrganizationId();
-    organization.name = form.org_name;
-    organization.description = form.org_description;
-    organization.owner_user_id = made.user.id;
-    organization.created_at = made.user.created_at;
-    organization.updated_at = made.user.created_at;
+    const Organization organization =
+        newOrganization(form.org_name, form.org_description, made.user.id);
     if (!store_.createOrganization(organization)) return AccountFault::kOrganizationNotCreated;
     made.user.org_id = organization.id;
     made.org_name = organization.name;

@@ -23,6 +23,7 @@ enum class CallKind : std::uint8_t {
   kLoadShard,         ///< take a shard of a pipeline
   kUnloadShard,       ///< let go of one
   kPipelineMetadata,  ///< the shape of a model
+  kTenants,           ///< look at, make, change or remove tenants
 };
 
 struct CallLimits {
@@ -48,6 +49,8 @@ class WorkerClient {
   /// POST with "Content-Type: application/json".
   HttpResult post(CallKind kind, const std::string& url, const nlohmann::json& body);
   HttpResult post(CallKind kind, const std::string& url, std::string json_text);
+  /// PUT with "Content-Type: application/json".
+  HttpResult put(CallKind kind, const std::string& url, std::string json_text);
   HttpResult del(CallKind kind, const std::string& url);
 
  private:

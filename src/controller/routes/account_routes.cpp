@@ -7,6 +7,7 @@
 
 #include "api/route_book.h"
 #include "controller/routes/account_access.h"
+#include "controller/routes/account_body.h"
 #include "controller/routes/account_pages.h"
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
@@ -25,7 +26,6 @@ using identity::Registration;
 using identity::RegistrationForm;
 using nlohmann::json;
 
-constexpr std::size_t kLeastPasswordCharacters = 8;
 /// Of any text in a registration: anybody may register, and what is registered is kept.
 constexpr std::size_t kMostTextBytes = 4096;
 constexpr const char* kCookie = "tavrel_session=";
@@ -73,10 +73,6 @@ std::string textOf(const json& body, const char* name, const char* missing = "")
   const auto member = body.find(name);
   if (member == body.end()) return missing;
   return member->is_string() ? member->get<std::string>() : "";
-}
-
-bool isTooShort(const std::string& password) {
-  return platform::firstCharacters(password, kLeastPasswordCharacters - 1) == password;
 }
 
 bool hasControls(const std::string& text) {

@@ -7,8 +7,8 @@
 #include "api/auth_middleware.h"
 #include "controller/routes/account_access.h"
 #include "controller/routes/families.h"
+#include "controller/routes/key_prefix.h"
 #include "controller/routes/route_input.h"
-#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -16,8 +16,6 @@ namespace {
 using api::Context;
 using api::Request;
 using api::Response;
-
-constexpr std::size_t kShownKeyCharacters = 12;
 
 bool isAdmin(const Context& context) {
   if (!context.identity) return false;
@@ -27,18 +25,6 @@ bool isAdmin(const Context& context) {
 
 Response adminRequired() {
   return Response::error(403, "Admin access required");
-}
-
-/// The beginning of a key for lists: twelve characters, of a key as short as that half or less.
-std::string keyPrefix(const std::string& key) {
-  const std::string text = platform::replaceInvalidUtf8(key);
-  std::size_t shown = kShownKeyCharacters;
-  std::string prefix = platform::firstCharacters(text, shown);
-  while (shown > 0 && prefix == text) {
-    shown /= 2;
-    prefix = platform::firstCharacters(text, shown);
-  }
-  return prefix + "...";
 }
 
 /// The member when it is an array of strings, else `fallback`.

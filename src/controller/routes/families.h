@@ -48,6 +48,7 @@ class PipelineCoordinator;
 }
 namespace tavrel::worker {
 class TypedWorkerRegistries;
+class TypedWorkerRegistry;
 class WorkerRegistry;
 }  // namespace tavrel::worker
 
@@ -64,6 +65,18 @@ void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const Accoun
 /// Registration, sessions, passwords and what mails link to.
 void addAccountRoutes(api::RouteBook& book, const AccountAccess& access, net::SmtpClient& smtp);
 void addSmtpRoutes(api::RouteBook& book, const AccountAccess& access, net::SmtpClient& smtp);
+/// Users, the approval of registrations and the administrators' overview. Without user accounts
+/// the users are the API keys of `auth`.
+void addUserRoutes(api::RouteBook& book, const AccountAccess& access,
+                   const api::AuthMiddleware& auth);
+void addOrganizationRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Personal settings and conversations.
+void addUserDataRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Credentials and quotas.
+void addCredentialRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Tenants live on the data workers, who are asked.
+void addTenantRoutes(api::RouteBook& book, const worker::TypedWorkerRegistry& data_workers,
+                     net::WorkerClient& client);
 void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
                      const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
                      const worker::TypedWorkerRegistries& typed);
