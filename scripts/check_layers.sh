@@ -11,7 +11,7 @@ declare -A may_use=(
   [store]="store platform"
 )
 # A feature library: everything below it and the other features, never api.
-features="ai auth cluster config events hub identity image inference metrics net orchestration \
+features="ai auth cluster config events hub identity image inference metrics models net orchestration \
 orchestrator pipeline platform store worker"
 
 failures=0

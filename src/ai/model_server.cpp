@@ -31,7 +31,7 @@ Generated readAnswer(const net::HttpResult& result) {
 Generated generate(net::HttpClient& http, const GenerateCall& call) {
   net::HttpCall request;
   request.method = "POST";
-  request.url = joinUrl(call.base_url, "/api/generate");
+  request.url = net::joinUrl(call.base_url, "/api/generate");
   request.headers = {{"Content-Type", "application/json"}};
   request.max_answer_bytes = kMaxAnswerBytes;
   request.body = platform::dumpJson(
@@ -40,11 +40,6 @@ Generated generate(net::HttpClient& http, const GenerateCall& call) {
        {"stream", false},
        {"options", {{"temperature", call.temperature}, {"num_predict", call.max_tokens}}}});
   return readAnswer(http.send(request, {std::min(kConnectTimeout, call.timeout), call.timeout}));
-}
-
-std::string joinUrl(std::string base_url, const std::string& path) {
-  while (!base_url.empty() && base_url.back() == '/') base_url.pop_back();
-  return base_url + path;
 }
 
 }  // namespace tavrel::ai

@@ -28,7 +28,4 @@ struct Generated {
 /// most 1 MiB. Never throws for what the server sends. Any thread; no lock may be held.
 Generated generate(net::HttpClient& http, const GenerateCall& call);
 
-/// `base_url` and `path` with exactly one slash between them.
-std::string joinUrl(std::string base_url, const std::string& path);
-
 }  // namespace tavrel::ai

@@ -103,6 +103,11 @@ void Connection::beginRequest() {
   request_started_ = platform::steadyNow();
 }
 
+void Connection::skipHead() {
+  read_at_ += head_.size;
+  request_bytes_read_ += head_.size;
+}
+
 bool Connection::requestConsumed() const {
   if (head_.chunked) return framing_.ended();
   return request_bytes_read_ == head_.size + head_.content_length;

@@ -52,10 +52,15 @@ class Connection final : public ClientConnection {
   /// Marks the start of reading the request whose head was scanned: its framing tells the end of
   /// its body.
   void beginRequest();
+  const RequestHead& head() const { return head_; }
+  /// The head that was scanned. Valid until the connection receives.
+  std::string_view headBytes() const { return pending().substr(0, head_.size); }
+  /// Takes the head as read.
+  void skipHead();
   /// True when the request was read to its end, so that the next bytes are the next request.
   bool requestConsumed() const;
 
-  // The HTTP library's side. Both wait where they must.
+  // Both wait where they must.
   /// At most `size` bytes of the request; 0 or less when no more can be had.
   std::ptrdiff_t read(char* to, std::size_t size);
   /// Collects bytes to send; sends what is more than a few packets at once, from where it lies.

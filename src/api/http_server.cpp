@@ -2,12 +2,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <exception>
 #include <thread>
 #include <utility>
 
 #include "api/answer_writer.h"
 #include "api/connection_engine.h"
 #include "api/httplib_bridge.h"
+#include "api/plain_request.h"
 #include "api/route_table.h"
 #include "platform/console.h"
 #include "platform/random.h"
@@ -19,27 +21,40 @@ namespace {
 /// So much of a body that no route wants is read, to keep the connection; more closes it.
 constexpr std::size_t kMaxUnwantedBody = std::size_t{64} << 10;
 
-/// Headers that the HTTP library adds to every request.
-bool isLibraryHeader(const std::string& name) {
-  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
-         name == "LOCAL_PORT";
+/// Says on standard error why a request was answered with 500. Called while the exception is being
+/// handled.
+void reportFailure(const Request& request) {
+  std::string reason = "unknown exception";
+  try {
+    throw;
+  } catch (const std::exception& known) {
+    reason = known.what();
+  } catch (...) {
+  }
+  platform::printError("[Controller] " + request.method + ' ' + request.path +
+                       " failed: " + reason);
 }
 
-Request buildRequest(const Exchange& exchange, const httplib::Request& from) {
-  Request request;
-  request.method = from.method;
-  request.path = exchange.path;
-  request.remote_address = exchange.connection->remoteAddress();
-  for (const auto& [name, value] : from.headers) {
-    if (!isLibraryHeader(name)) request.headers[name] = value;
+/// Reads the body of a plain request. Memory grows with what arrives, not with what was announced.
+int readPlainBody(Exchange& exchange, std::size_t max_bytes, std::string& body) {
+  constexpr std::size_t kPiece = std::size_t{1} << 20;
+  Connection& connection = *exchange.connection;
+  const std::uint64_t size = connection.head().content_length;
+  if (size > max_bytes) {
+    exchange.terms.keep_connection = false;
+    return 413;
   }
-  if (!exchange.content_type.empty()) request.headers["Content-Type"] = exchange.content_type;
-  for (const auto& [name, value] : from.params) request.query[name] = value;
-  const std::size_t mark = request.path.find('?');  // sent percent-encoded
-  if (request.query.empty() && mark != std::string::npos) {
-    request.query = parseQueryParams(request.path.substr(mark + 1));
+  while (body.size() < size) {
+    const std::size_t have = body.size();
+    const auto piece = static_cast<std::size_t>(std::min<std::uint64_t>(size - have, kPiece));
+    body.resize(have + piece);
+    const std::ptrdiff_t read = connection.read(body.data() + have, piece);
+    body.resize(have + static_cast<std::size_t>(std::max<std::ptrdiff_t>(read, 0)));
+    if (read > 0) continue;
+    exchange.terms.keep_connection = false;
+    return connection.bodyFailure();
   }
-  return request;
+  return 0;
 }
 
 /// Hands a request through the middlewares to the handler. Small enough to be captured by value.
@@ -112,12 +127,11 @@ struct HttpServer::Impl {
   std::unique_ptr<ConnectionEngine> engine;
 
   ConnectionEngine::Settings engineSettings() const;
-  void dispatch(Exchange& exchange, const httplib::Request& from,
-                const HttplibBridge::BodyReader* body);
-  void answerUnknown(Exchange& exchange, const std::string& method,
-                     const HttplibBridge::BodyReader* body);
-  int readBody(Exchange& exchange, const HttplibBridge::BodyReader& reader, std::size_t max_bytes,
-               std::string& body) const;
+  bool serve(Connection& connection);
+  bool servePlain(Exchange& exchange);
+  void dispatch(Exchange& exchange, Request request, const BodyReader& read_body);
+  void route(Exchange& exchange, Request& request, const BodyReader& read_body);
+  void answerUnknown(Exchange& exchange, const std::string& method, const BodyReader& read_body);
   void serveRoute(const Route& route, Context& context, const Request& request, Exchange& exchange);
   void answer(Response response, const Context& context, Exchange& exchange);
   void answerWithout(int status, Exchange& exchange) const;
@@ -149,30 +163,71 @@ std::string HttpServer::Impl::corsLines() const {
          "\r\nAccess-Control-Allow-Headers: " + config.cors_headers + "\r\n";
 }
 
-void HttpServer::Impl::dispatch(Exchange& exchange, const httplib::Request& from,
-                                const HttplibBridge::BodyReader* body) {
-  RouteTable::Params params;
+/// Serves the request at the front of the connection's input; whether another may follow.
+bool HttpServer::Impl::serve(Connection& connection) {
+  Exchange exchange;
+  exchange.connection = &connection;
+  const bool served = servePlain(exchange) || bridge->serve(exchange);
+  const bool sent = connection.flush();
+  connection.skipArrivedBody();
+  return served && sent && exchange.complete && exchange.terms.keep_connection &&
+         connection.requestConsumed();
+}
+
+/// False, with nothing done, for a request that the library has to read.
+bool HttpServer::Impl::servePlain(Exchange& exchange) {
+  Connection& connection = *exchange.connection;
+  const RequestHead& head = connection.head();
+  if (head.chunked || head.expects_continue) return false;
+  Request request;
+  bool asks_to_close = false;
+  if (!readPlainRequest(connection.headBytes(), request, asks_to_close)) return false;
+  const bool takes_body = methodTakesBody(request.method);
+  if (!takes_body && head.content_length > 0) return false;
+  connection.skipHead();
+  exchange.terms.keep_connection = !asks_to_close;
+  exchange.terms.head_only = request.method == "HEAD";
+  BodyReader read_body;
+  if (takes_body) {
+    read_body = [&exchange](std::size_t max_bytes, std::string& body) {
+      return readPlainBody(exchange, max_bytes, body);
+    };
+  }
+  dispatch(exchange, std::move(request), read_body);
+  return true;
+}
+
+void HttpServer::Impl::dispatch(Exchange& exchange, Request request, const BodyReader& read_body) {
+  try {
+    route(exchange, request, read_body);
+  } catch (...) {
+    reportFailure(request);
+    exchange.complete = !exchange.answered;
+    if (!exchange.answered) answerWithout(500, exchange);
+  }
+}
+
+void HttpServer::Impl::route(Exchange& exchange, Request& request, const BodyReader& read_body) {
   // HEAD is served by the GET routes; the answer's body is left out.
-  const std::string& method = from.method == "HEAD" ? "GET" : from.method;
-  const Route* route = table.find(method, exchange.path, params);
-  if (route == nullptr) return answerUnknown(exchange, method, body);
+  const std::string method = request.method == "HEAD" ? "GET" : request.method;
+  const Route* found = table.find(method, request.path, request.path_params);
+  if (found == nullptr) return answerUnknown(exchange, method, read_body);
 
   Context context;
   context.start_time = platform::steadyNow();
   context.request_id = generateRequestId();
   context.client = exchange.connection;
-  context.route = route->pattern;
-  Request request = buildRequest(exchange, from);
-  request.path_params = std::move(params);
-  if (body != nullptr) {
-    const int failure = readBody(exchange, *body, config.max_body_bytes, request.body);
+  context.route = found->pattern;
+  request.remote_address = exchange.connection->remoteAddress();
+  if (read_body) {
+    const int failure = read_body(config.max_body_bytes, request.body);
     if (failure != 0) return answerWithout(failure, exchange);
   }
-  serveRoute(*route, context, request, exchange);
+  serveRoute(*found, context, request, exchange);
 }
 
 void HttpServer::Impl::answerUnknown(Exchange& exchange, const std::string& method,
-                                     const HttplibBridge::BodyReader* body) {
+                                     const BodyReader& read_body) {
   if (method == "OPTIONS" && config.cors_enabled) {
     AnswerWriter answer(*exchange.connection, exchange.terms);
     answer.lines(cors_lines);
@@ -181,7 +236,7 @@ void HttpServer::Impl::answerUnknown(Exchange& exchange, const std::string& meth
     return answer.whole(204, "", "");
   }
   std::string unwanted;
-  if (body != nullptr) readBody(exchange, *body, kMaxUnwantedBody, unwanted);
+  if (read_body) read_body(kMaxUnwantedBody, unwanted);
   answerWithout(404, exchange);
 }
 
@@ -189,22 +244,6 @@ void HttpServer::Impl::answerUnknown(Exchange& exchange, const std::string& meth
 void HttpServer::Impl::answerWithout(int status, Exchange& exchange) const {
   exchange.answered = true;
   AnswerWriter(*exchange.connection, exchange.terms).whole(status, "", "");
-}
-
-/// Reads the body; 0, or the status that says why that failed.
-int HttpServer::Impl::readBody(Exchange& exchange, const HttplibBridge::BodyReader& reader,
-                               std::size_t max_bytes, std::string& body) const {
-  bool too_large = false;
-  const bool complete = reader([&](const char* bytes, std::size_t size) {
-    // Also counts what a compressed body unfolds to.
-    too_large = body.size() + size > max_bytes;
-    if (!too_large) body.append(bytes, size);
-    return !too_large;
-  });
-  if (complete) return 0;
-  exchange.terms.keep_connection = false;
-  if (too_large) return 413;
-  return exchange.connection->bodyFailure();
 }
 
 void HttpServer::Impl::serveRoute(const Route& route, Context& context, const Request& request,
@@ -318,12 +357,12 @@ bool HttpServer::start() {
   platform::printLine("[Controller] Server starting on " + impl.config.host + ':' +
                       std::to_string(impl.config.port));
   impl.bridge = std::make_unique<HttplibBridge>(
-      [this](Exchange& exchange, const httplib::Request& from,
-             const HttplibBridge::BodyReader* body) { impl_->dispatch(exchange, from, body); });
+      [&impl](Exchange& exchange, Request request, const BodyReader& read_body) {
+        impl.dispatch(exchange, std::move(request), read_body);
+      });
   impl.cors_lines = impl.corsLines();
   impl.engine = std::make_unique<ConnectionEngine>(
-      impl.engineSettings(),
-      [this](Connection& connection) { return impl_->bridge->serve(connection); });
+      impl.engineSettings(), [&impl](Connection& connection) { return impl.serve(connection); });
 
   int socket = -1;
   impl.port = impl.bridge->bind(impl.config.host, impl.config.port, socket);

@@ -1,26 +1,58 @@
 #include "api/httplib_bridge.h"
 
-#include <exception>
 #include <string_view>
 #include <utility>
 
-#include "platform/console.h"
+#include "api/plain_request.h"
 
 namespace tavrel::api {
 namespace {
 
-thread_local Exchange* current_exchange = nullptr;
+/// What the library is parsing on this thread: the link between its callbacks, which know only its
+/// own request type, and the connection.
+struct Parsing {
+  Exchange& exchange;
+  std::string path{};          ///< the decoded path; the library itself is given "/" to match
+  std::string content_type{};  ///< as sent
+  bool head_parsed = false;
+};
+thread_local Parsing* current = nullptr;
 
-void reportFailure(const std::string& method, const std::exception_ptr& error) {
-  std::string reason = "unknown exception";
-  try {
-    std::rethrow_exception(error);
-  } catch (const std::exception& known) {
-    reason = known.what();
-  } catch (...) {
+/// Headers that the library adds to every request.
+bool isLibraryHeader(const std::string& name) {
+  return name == "REMOTE_ADDR" || name == "REMOTE_PORT" || name == "LOCAL_ADDR" ||
+         name == "LOCAL_PORT";
+}
+
+Request requestFrom(const httplib::Request& from) {
+  Request request;
+  request.method = from.method;
+  request.path = std::move(current->path);
+  for (const auto& [name, value] : from.headers) {
+    if (!isLibraryHeader(name)) request.headers[name] = value;
   }
-  platform::printError("[Controller] " + method + ' ' + current_exchange->path +
-                       " failed: " + reason);
+  if (!current->content_type.empty()) request.headers["Content-Type"] = current->content_type;
+  for (const auto& [name, value] : from.params) request.query[name] = value;
+  const std::size_t mark = request.path.find('?');  // sent percent-encoded
+  if (request.query.empty() && mark != std::string::npos) {
+    request.query = parseQueryParams(request.path.substr(mark + 1));
+  }
+  return request;
+}
+
+/// Reads a body through the library, which decodes chunks and compression.
+int readThrough(const httplib::ContentReader& content, Exchange& exchange, std::size_t max_bytes,
+                std::string& body) {
+  bool too_large = false;
+  const bool complete = content([&](const char* bytes, std::size_t size) {
+    // Also counts what a compressed body unfolds to.
+    too_large = body.size() + size > max_bytes;
+    if (!too_large) body.append(bytes, size);
+    return !too_large;
+  });
+  if (complete) return 0;
+  exchange.terms.keep_connection = false;
+  return too_large ? 413 : exchange.connection->bodyFailure();
 }
 
 /// Gives the library the connection's buffers in place of a socket. What it has to say after the
@@ -55,20 +87,21 @@ void onlyReuseAddress(socket_t socket) {
 }
 
 /// Takes out of the parsed head what the library would act on by itself.
-void prepare(Exchange& exchange, httplib::Request& request) {
-  exchange.head_parsed = true;
+void prepare(Parsing& parsing, httplib::Request& request) {
+  parsing.head_parsed = true;
   // Routes are found by the server's own table: the library matches "/", at no cost.
-  exchange.path = std::move(request.path);
+  parsing.path = std::move(request.path);
   request.path = "/";
-  exchange.terms.head_only = request.method == "HEAD";
-  exchange.terms.http_1_0 = request.version == "HTTP/1.0";
+  AnswerWriter::Terms& terms = parsing.exchange.terms;
+  terms.head_only = request.method == "HEAD";
+  terms.http_1_0 = request.version == "HTTP/1.0";
   // JSON is answered whole and as it is: no ranges of it, and no compression at the highest level.
   request.ranges.clear();
   request.headers.erase("Accept-Encoding");
   // Bodies arrive as they were sent: the library would take forms apart.
   const auto type = request.headers.find("Content-Type");
   if (type != request.headers.end()) {
-    exchange.content_type = std::move(type->second);
+    parsing.content_type = std::move(type->second);
     type->second = "application/octet-stream";
   }
 }
@@ -77,25 +110,17 @@ void prepare(Exchange& exchange, httplib::Request& request) {
 
 HttplibBridge::HttplibBridge(Dispatch dispatch) : dispatch_(std::move(dispatch)) {
   set_socket_options(onlyReuseAddress);
-  set_exception_handler(
-      [](const httplib::Request& request, httplib::Response& response, std::exception_ptr error) {
-        reportFailure(request.method, error);
-        response.headers.clear();
-        response.body.clear();
-        response.status = 500;
-        current_exchange->complete = !current_exchange->answered;
-      });
   set_pre_routing_handler([this](const httplib::Request& request, httplib::Response&) {
-    const std::string& method = request.method;
-    if (method == "POST" || method == "PUT" || method == "PATCH" || method == "DELETE") {
-      return HandlerResponse::Unhandled;  // continues below, with the body
-    }
-    dispatch_(*current_exchange, request, nullptr);
+    if (methodTakesBody(request.method)) return HandlerResponse::Unhandled;  // below, with the body
+    dispatch_(current->exchange, requestFrom(request), {});
     return HandlerResponse::Handled;
   });
   const auto with_body = [this](const httplib::Request& request, httplib::Response&,
-                                const httplib::ContentReader& body) {
-    dispatch_(*current_exchange, request, &body);
+                                const httplib::ContentReader& content) {
+    Exchange& exchange = current->exchange;
+    dispatch_(exchange, requestFrom(request), [&](std::size_t max_bytes, std::string& body) {
+      return readThrough(content, exchange, max_bytes, body);
+    });
   };
   Post("/", with_body);
   Put("/", with_body);
@@ -110,22 +135,18 @@ int HttplibBridge::bind(const std::string& host, int port, int& socket) {
   return bound;
 }
 
-bool HttplibBridge::serve(Connection& connection) {
-  Exchange exchange;
-  exchange.connection = &connection;
-  current_exchange = &exchange;
-  BufferedStream stream(connection, exchange);
+bool HttplibBridge::serve(Exchange& exchange) {
+  Parsing parsing{exchange};
+  current = &parsing;
+  BufferedStream stream(*exchange.connection, exchange);
   bool asked_to_close = false;
   const bool answered = process_request(stream, /*close_connection=*/false, asked_to_close,
                                         [&](httplib::Request& request) {
                                           exchange.terms.keep_connection = !asked_to_close;
-                                          prepare(exchange, request);
+                                          prepare(parsing, request);
                                         });
-  current_exchange = nullptr;
-  const bool sent = connection.flush();
-  connection.skipArrivedBody();
-  return answered && sent && exchange.head_parsed && exchange.complete &&
-         exchange.terms.keep_connection && connection.requestConsumed();
+  current = nullptr;
+  return answered && parsing.head_parsed;
 }
 
 }  // namespace tavrel::api

@@ -7,29 +7,28 @@
 
 #include "api/answer_writer.h"
 #include "api/connection.h"
+#include "api/request.h"
 
 namespace tavrel::api {
 
-/// What is being served on the current thread: the link between the HTTP library's callbacks, which
-/// know only its own request type, and the connection.
+/// What is being served on the current thread.
 struct Exchange {
   Connection* connection = nullptr;
-  std::string path;          ///< the decoded path; the library itself is given "/" to match
-  std::string content_type;  ///< as sent
   AnswerWriter::Terms terms;
-  bool head_parsed = false;
   bool answered = false;  ///< the head of the answer is on its way: nothing else may be sent
   bool complete = true;   ///< request and answer came to their ends
 };
 
-/// The HTTP library as parser: it binds the port, and turns the bytes of one request into a call of
-/// `dispatch`, which writes the answer. It answers itself what it cannot parse, and a request whose
-/// handler raised something. Accepting, waiting and limits are the engine's.
+/// Reads the body of a request, of at most `max_bytes`; 0, or the status that says why that failed.
+using BodyReader = std::function<int(std::size_t max_bytes, std::string& body)>;
+
+/// The HTTP library as parser, for the requests that are not plain: it binds the port, and turns
+/// the bytes of one request into a call of `dispatch`, which writes the answer. It answers itself
+/// what it cannot parse. Accepting, waiting and limits are the engine's.
 class HttplibBridge final : public httplib::Server {
  public:
-  /// Called with an open body for methods that have one, with null otherwise.
-  using BodyReader = httplib::ContentReader;
-  using Dispatch = std::function<void(Exchange&, const httplib::Request&, const BodyReader*)>;
+  /// Answers the request; `read_body` is empty for methods whose body is not read. Does not throw.
+  using Dispatch = std::function<void(Exchange&, Request request, const BodyReader& read_body)>;
 
   explicit HttplibBridge(Dispatch dispatch);
 
@@ -37,8 +36,8 @@ class HttplibBridge final : public httplib::Server {
   /// `socket`.
   int bind(const std::string& host, int port, int& socket);
 
-  /// Serves the one request at the front of the connection's input.
-  bool serve(Connection& connection);
+  /// Serves the one request at the front of the connection's input. False when it was no request.
+  bool serve(Exchange& exchange);
 
  private:
   const Dispatch dispatch_;

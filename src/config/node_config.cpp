@@ -123,6 +123,12 @@ std::optional<ConfigPullResponse> NodeConfigs::pull(const std::string& node_id) 
   return response;
 }
 
+std::string NodeConfigs::configId(const std::string& node_id) const {
+  const MutexLock lock(mu_);
+  const auto found = configs_.find(node_id);
+  return found == configs_.end() ? "" : found->second.metadata.configId();
+}
+
 bool NodeConfigs::remove(const std::string& node_id) {
   const MutexLock lock(mu_);
   return configs_.erase(node_id) == 1;

@@ -82,6 +82,8 @@ class NodeConfigs {
   std::string set(const std::string& node_id, const nlohmann::json& body, platform::WallTime now)
       TV_EXCLUDES(mu_);
   std::optional<ConfigPullResponse> pull(const std::string& node_id) const TV_EXCLUDES(mu_);
+  /// Which version the node should run with; empty when there is none for it.
+  std::string configId(const std::string& node_id) const TV_EXCLUDES(mu_);
   bool remove(const std::string& node_id) TV_EXCLUDES(mu_);
   /// What a list shows of each, in id order.
   nlohmann::json list() const TV_EXCLUDES(mu_);

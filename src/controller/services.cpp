@@ -7,13 +7,20 @@
 namespace tavrel::controller {
 namespace {
 
-std::vector<inference::RemoteCatalogue> routersWithModels(const cluster::RouterRegistry& routers) {
+/// Routers first, then the model registry.
+std::vector<inference::RemoteCatalogue> nodesWithModels(const cluster::RouterRegistry& routers,
+                                                        const models::ModelRegistry& registry) {
   std::vector<inference::RemoteCatalogue> remotes;
   for (const cluster::RouterInfo& router : routers.all()) {
     const std::string url = router.baseUrl();
     if (router.status == cluster::NodeStatus::kHealthy && !url.empty()) {
-      remotes.push_back({url, "router"});
+      remotes.push_back(
+          {net::joinUrl(url, "/api/v1/models?scope=own"), "cluster", "router", false});
     }
+  }
+  const std::string storage = registry.storageWorkerUrl(platform::wallNow());
+  if (!storage.empty()) {
+    remotes.push_back({net::joinUrl(storage, "/api/v1/models"), "registry", "registry", true});
   }
   return remotes;
 }
@@ -42,13 +49,21 @@ Services::Services(const Options& options)
       events(events::EventStreamService::instance()),
       collector(metrics::MetricsCollector::getInstance()),
       history(metrics::MetricsHistory::instance()),
+      worker_client(http),
       worker_connections({}),
       accounts{nullptr, options.auth_mode},
       backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
       ai_control(http),
       themes(http),
+      model_registry(worker_client, typed.of(worker::WorkerKind::kData)),
+      training_jobs(worker_client, typed.of(worker::WorkerKind::kTraining), model_registry),
+      pull_jobs(worker_client, events),
+      distribution(worker_client, workers, model_registry),
+      pipelines(worker_client, workers,
+                [this] { return model_registry.storageWorkerUrl(platform::wallNow()); }),
       local_server(http, options.local_model_server),
-      models(workers, local_server, http, [this] { return routersWithModels(routers); }),
+      models(workers, local_server, http,
+             [this] { return nodesWithModels(routers, model_registry); }),
       chat({workers, ai_control, experts, routers, [this] { return scienceWorkerUrl(typed); }, http,
             local_server, collector}),
       openai(workers, worker_connections, experts, local_server, collector,

@@ -23,9 +23,15 @@
 #include "inference/openai_gateway.h"
 #include "metrics/metrics_collector.h"
 #include "metrics/metrics_history.h"
+#include "models/model_distribution.h"
+#include "models/model_registry.h"
+#include "models/pull_jobs.h"
+#include "models/training_jobs.h"
 #include "net/http_client.h"
 #include "net/smtp_client.h"
+#include "net/worker_client.h"
 #include "net/worker_connection_pool.h"
+#include "pipeline/pipeline_coordinator.h"
 #include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
 
@@ -43,6 +49,7 @@ struct Services {
   metrics::MetricsHistory& history;
 
   net::HttpClient http;
+  net::WorkerClient worker_client;
   net::WorkerConnectionPool worker_connections;
   net::SmtpClient smtp;
 
@@ -60,6 +67,11 @@ struct Services {
   ai::AiControl ai_control;
   ai::MoeRouter experts;
   ai::LazyThemeDetector themes;
+  models::ModelRegistry model_registry;
+  models::TrainingJobs training_jobs;
+  models::PullJobs pull_jobs;
+  models::ModelDistribution distribution;
+  pipeline::PipelineCoordinator pipelines;
   inference::LocalModelServer local_server;
   inference::ModelCatalogue models;
   inference::ChatProxy chat;

@@ -178,7 +178,9 @@ bool startServer(Services& services, const Options& options) {
 }
 
 void finish(Services& services) {
+  services.http.cancelAll();
   services.loops.stop();
+  services.pull_jobs.stop();
   services.events.stop();
   g_server = nullptr;
 }

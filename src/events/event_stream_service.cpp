@@ -318,6 +318,11 @@ void EventStreamService::swarmStatusUpdate(Id id, Id new_status, Data data) {
   announce(EventType::kLog, id, std::move(data), " status changed to " + new_status);
 }
 
+void EventStreamService::notify(EventType type, Id source, Id source_type, Id message, Data data) {
+  const platform::WallTime now = platform::wallNow();
+  publishEvent({generateId(now), type, source, source_type, now, std::move(data), message});
+}
+
 void EventStreamService::log(std::string_view level, Id source, Id source_type, Id message,
                              Data metadata) {
   const platform::WallTime now = platform::wallNow();

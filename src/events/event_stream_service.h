@@ -161,6 +161,9 @@ class EventStreamService {
   /// life cycle.
   void swarmStatusUpdate(Id id, Id new_status, Data data);
 
+  /// What has no type of its own: `type` is one of kInfo, kWarning and kError.
+  void notify(EventType type, Id source, Id source_type, Id message, Data data);
+
   void logDebug(Id source, Id source_type, Id message, Data metadata = Data::object()) {
     log("debug", source, source_type, message, std::move(metadata));
   }

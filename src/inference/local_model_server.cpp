@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
-#include "ai/model_server.h"
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
 
@@ -42,7 +41,7 @@ LocalModelServer::LocalModelServer(net::HttpClient& http, std::string base_url)
 
 std::vector<LocalModel> LocalModelServer::listModels() {
   const net::HttpResult result =
-      http_.get(ai::joinUrl(base_url_, "/api/tags"), {kConnectTimeout, kListTimeout});
+      http_.get(net::joinUrl(base_url_, "/api/tags"), {kConnectTimeout, kListTimeout});
   if (!result.ok()) return {};
   try {
     return readModels(result.body);
@@ -59,7 +58,7 @@ bool LocalModelServer::hasModel(const std::string& model) {
 
 LocalModelServer::Chat LocalModelServer::chat(const ChatRequest& request) {
   const net::HttpResult result =
-      http_.postJson(ai::joinUrl(base_url_, "/api/chat"), request.localServerBody(),
+      http_.postJson(net::joinUrl(base_url_, "/api/chat"), request.localServerBody(),
                      {kConnectTimeout, kChatTimeout});
   if (!result.transport_error.empty()) return {{}, result.transport_error};
   if (result.status != 200) return {{}, "HTTP " + std::to_string(result.status)};

@@ -1,43 +1,19 @@
 #include "inference/model_catalogue.h"
 
 #include <algorithm>
-#include <atomic>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
-#include <thread>
 #include <utility>
 
-#include "ai/model_server.h"
-#include "platform/blocking.h"
-#include "platform/clock.h"
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
+#include "platform/side_by_side.h"
 
 namespace tavrel::inference {
 namespace {
 
-using Job = std::function<void()>;
-
-/// Runs the jobs on a bounded number of threads, this one among them; none is begun after
-/// `asking_time`. Jobs must not throw.
-void runSideBySide(const std::vector<Job>& jobs, std::size_t at_once,
-                   std::chrono::milliseconds asking_time) {
-  const auto deadline = platform::steadyNow() + asking_time;
-  std::atomic<std::size_t> next{0};
-  const auto work = [&] {
-    for (std::size_t job; (job = next.fetch_add(1)) < jobs.size();) {
-      if (job > 0 && platform::steadyNow() > deadline) return;
-      jobs[job]();
-    }
-  };
-  platform::BlockingScope blocking;
-  std::vector<std::jthread> helpers;
-  for (std::size_t i = 1; i < std::min(at_once, jobs.size()); ++i) helpers.emplace_back(work);
-  work();
-}
-
-nlohmann::json entryFor(const std::string& name, const char* owner, std::string_view source) {
+nlohmann::json entryFor(const std::string& name, std::string_view owner, std::string_view source) {
   return {
       {"id", name}, {"name", name}, {"object", "model"}, {"owned_by", owner}, {"source", source}};
 }
@@ -81,11 +57,11 @@ nlohmann::json ModelCatalogue::detailedList(bool own_only) const {
       own_only ? std::vector<RemoteCatalogue>() : remotes_();
   std::vector<std::vector<Foreign>> foreign(remotes.size());
   std::vector<LocalModel> local;
-  std::vector<Job> jobs = {[&] { local = local_.listModels(); }};
+  std::vector<std::function<void()>> jobs = {[&] { local = local_.listModels(); }};
   for (std::size_t i = 0; i < remotes.size(); ++i) {
     jobs.emplace_back([&, i] { foreign[i] = ask(remotes[i]); });
   }
-  runSideBySide(jobs, kMaxCallsAtOnce, kAskingTime);
+  platform::runSideBySide(jobs, kMaxCallsAtOnce, kAskingTime);
 
   nlohmann::json models = nlohmann::json::array();
   std::set<std::string> listed;
@@ -101,23 +77,29 @@ nlohmann::json ModelCatalogue::detailedList(bool own_only) const {
     if (size_bytes) entry["size"] = *size_bytes;
     models.push_back(std::move(entry));
   };
-  for (std::size_t i = 0; i < remotes.size(); ++i) {
-    for (const Foreign& model : foreign[i]) {
-      add(model.name, model.size_bytes, entryFor(model.name, "cluster", remotes[i].source));
+  const auto add_foreign = [&](bool after_local) {
+    for (std::size_t i = 0; i < remotes.size(); ++i) {
+      const RemoteCatalogue& remote = remotes[i];
+      if (remote.after_local != after_local) continue;
+      for (const Foreign& model : foreign[i]) {
+        add(model.name, model.size_bytes, entryFor(model.name, remote.owned_by, remote.source));
+      }
     }
-  }
+  };
+  add_foreign(/*after_local=*/false);
   for (const LocalModel& model : local) {
     nlohmann::json entry = entryFor(model.name, "local", "local");
     entry["worker"] = "local";
     add(model.name, model.size_bytes, std::move(entry));
   }
+  add_foreign(/*after_local=*/true);
   const std::size_t count = models.size();
   return {{"models", std::move(models)}, {"object", "list"}, {"count", count}};
 }
 
 std::vector<ModelCatalogue::Foreign> ModelCatalogue::ask(const RemoteCatalogue& remote) const {
   net::HttpCall call;
-  call.url = ai::joinUrl(remote.base_url, "/api/v1/models?scope=own");
+  call.url = remote.url;
   call.max_answer_bytes = std::size_t{8} << 20;
   const net::HttpResult result = http_.send(call, {kConnectTimeout, kCallTimeout});
   if (!result.ok()) return {};
@@ -132,7 +114,7 @@ std::vector<ModelCatalogue::Foreign> ModelCatalogue::readRemoteList(const std::s
   std::vector<Foreign> models;
   const nlohmann::json document = platform::parseForeignJson(body);
   const nlohmann::json* list =
-      document.is_object() ? platform::jsonMember(document, "models") : nullptr;
+      document.is_object() ? platform::jsonMember(document, "models") : &document;
   if (list == nullptr || !list->is_array()) return models;
   for (const nlohmann::json& entry : *list) {
     if (!entry.is_object()) continue;

@@ -15,8 +15,10 @@ namespace tavrel::inference {
 
 /// Another node whose models are listed beside the workers' own.
 struct RemoteCatalogue {
-  std::string base_url;  ///< e.g. "http://10.0.0.7:8881"
-  std::string source;    ///< what its models are marked with, e.g. "router"
+  std::string url;       ///< of its model list, e.g. "http://10.0.0.7:8881/api/v1/models?scope=own"
+  std::string owned_by;  ///< what its models are marked with, e.g. "cluster"
+  std::string source;    ///< the same, e.g. "router"
+  bool after_local = false;  ///< listed after the models of the local model server
 };
 
 /// The models that the cluster offers.
@@ -42,8 +44,8 @@ class ModelCatalogue {
   /// the local model server when there are none.
   nlohmann::json openAiList() const;
 
-  /// {"models", "object", "count"}: the workers' models, then those of other nodes, then those of
-  /// the local model server; the first entry of a name stands. With `own_only` no other node is
+  /// {"models", "object", "count"}: the workers' models, then those of other nodes and of the
+  /// local model server; the first entry of a name stands. With `own_only` no other node is
   /// asked (so that two controllers that list each other do not ask in circles).
   nlohmann::json detailedList(bool own_only) const;
 

@@ -6,7 +6,6 @@
 #include <nlohmann/json.hpp>
 #include <string_view>
 
-#include "ai/model_server.h"
 #include "platform/console.h"
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
@@ -74,7 +73,7 @@ std::string scienceContext(net::HttpClient& http, const std::string& worker_url,
                                            worker_url + " for context enrichment"));
   net::HttpCall call;
   call.method = "POST";
-  call.url = ai::joinUrl(worker_url, "/api/v1/research/federated-search");
+  call.url = net::joinUrl(worker_url, "/api/v1/research/federated-search");
   call.headers = {{"Content-Type", "application/json"}};
   call.max_answer_bytes = kMaxAnswerBytes;
   call.body =

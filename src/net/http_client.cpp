@@ -10,6 +10,7 @@
 
 #include "platform/blocking.h"
 #include "platform/mutex.h"
+#include "platform/text.h"
 
 namespace tavrel::net {
 namespace {
@@ -80,14 +81,10 @@ bool isWellFormed(const HttpCall& call) {
          });
 }
 
-bool equalsIgnoringCase(const std::string& a, const char* b) {
-  return curl_strequal(a.c_str(), b) != 0;
-}
-
 void addHeaders(const HttpCall& call, HeaderList& list) {
   bool has_content_type = false;
   for (const auto& [name, value] : call.headers) {
-    has_content_type = has_content_type || equalsIgnoringCase(name, "Content-Type");
+    has_content_type = has_content_type || platform::equalsIgnoringCase(name, "Content-Type");
     // libcurl sends a header without a value only when it is written with a semicolon.
     list.add(value.empty() ? name + ";" : name + ": " + value);
   }
@@ -242,6 +239,21 @@ HttpResult HttpClient::postJson(const std::string& url, std::string body, Timeou
 
 void HttpClient::cancelAll() {
   impl_->cancelled = true;
+}
+
+std::string joinUrl(std::string base_url, const std::string& path) {
+  while (!base_url.empty() && base_url.back() == '/') base_url.pop_back();
+  return base_url + path;
+}
+
+bool isHttpUrl(std::string_view text) {
+  if (!isOneLine(text)) return false;
+  for (const std::string_view scheme : {"http://", "https://"}) {
+    if (!platform::equalsIgnoringCase(text.substr(0, scheme.size()), scheme)) continue;
+    const std::string_view rest = text.substr(scheme.size());
+    return !rest.substr(0, rest.find_first_of("/?#")).empty();
+  }
+  return false;
 }
 
 }  // namespace tavrel::net

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -56,5 +57,11 @@ class HttpClient {
   struct Impl;
   std::unique_ptr<Impl> impl_;
 };
+
+/// `base_url` and `path` (which begins with a slash) with exactly one slash between them.
+std::string joinUrl(std::string base_url, const std::string& path);
+
+/// Whether the text is an http or https URL with a host, in one line.
+bool isHttpUrl(std::string_view text);
 
 }  // namespace tavrel::net

@@ -15,6 +15,9 @@ inline constexpr std::chrono::seconds kOfflineAfter{91};
 /// A worker this long without a heartbeat is forgotten, whatever its status.
 inline constexpr std::chrono::seconds kForgottenAfter{301};
 
+/// A daemon heard of less than this ago is trusted with work.
+inline constexpr std::chrono::seconds kTrustedFor{121};
+
 /// What one reaper pass did to one worker. The caller prints reapedLine().
 struct ReapedWorker {
   std::string id;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "process/controller_process.h"
+#include "process/dev_worker_process.h"
 #include "support/mock_peer.h"
 #include "support/process.h"
 #include "support/raw_client.h"
@@ -38,24 +38,18 @@ std::string bodyOf(const std::string& message) {
   return blank == std::string::npos ? "" : message.substr(blank + 4);
 }
 
-class Worker {
+class Worker : public DevWorker {
  public:
-  explicit Worker(std::vector<std::string> arguments) : process_(kDevWorker, withPort(arguments)) {
-    const auto line = process_.waitForLine("[DevWorker] Listening on 127.0.0.1:", 10s);
-    if (line) port_ = std::stoi(line->substr(line->rfind(':') + 1));
-  }
-
-  int port() const { return port_; }
-  Process& process() { return process_; }
+  using DevWorker::DevWorker;
 
   std::string ask(const std::string& body) const {
-    const RawClient client(port_);
+    const RawClient client(port());
     client.send(post(body));
     return client.readAll();
   }
 
   json stats() const {
-    const RawClient client(port_);
+    const RawClient client(port());
     client.send("GET /dev/stats HTTP/1.1\r\nHost: w\r\nConnection: close\r\n\r\n");
     return json::parse(bodyOf(client.readAll()));
   }
@@ -68,15 +62,6 @@ class Worker {
     }
     return true;
   }
-
- private:
-  static std::vector<std::string> withPort(std::vector<std::string> arguments) {
-    arguments.insert(arguments.end(), {"--port", "0"});
-    return arguments;
-  }
-
-  Process process_;
-  int port_ = 0;
 };
 
 TEST(DevWorkerProcess, AnswersAndStopsCleanlyOnASignal) {
@@ -92,7 +77,7 @@ TEST(DevWorkerProcess, AnswersAndStopsCleanlyOnASignal) {
 TEST(DevWorkerProcess, RefusesAWrongCommandLineAndATakenPort) {
   Process wrong(kDevWorker, {"--prot", "0"});
   EXPECT_EQ(wrong.waitForExit(10s), 2);
-  const Worker first({});
+  const Worker first(std::vector<std::string>{});
   Process second(kDevWorker, {"--port", std::to_string(first.port())});
   EXPECT_EQ(second.waitForExit(10s), 1);
   EXPECT_THAT(second.errorLines().back(), HasSubstr("Cannot listen on 127.0.0.1:"));

@@ -62,16 +62,21 @@ TEST(ModelListRoutes, TheDetailedListGathersEveryModelOnce) {
       {{"GET /api/v1/models?scope=own ",
         httpAnswer(200, R"({"models":[{"id":"r","size":5},{"name":"a"},{"id":7},null]})")}}));
   MockPeer broken(MockPeer::answeringOnce(httpAnswer(200, "<html>")));
+  MockPeer registry(MockPeer::answeringOnce(
+      httpAnswer(200, R"([{"id":"g","name":"x"},{"name":"z","size":1},{"name":"r"}])")));
   ModelLists lists(local.url(""));
   lists.addWorker("w2", {"a"});
   lists.addWorker("w1", {"a", "a"});
-  lists.remotes = {{broken.url(""), "peer"}, {router.url("/"), "router"}};
-  EXPECT_EQ(lists.get("/api/v1/models"), json::parse(R"({"object":"list","count":3,"models":[
+  lists.remotes = {{registry.url("/models"), "registry", "registry", true},
+                   {broken.url(""), "cluster", "peer", false},
+                   {router.url("/api/v1/models?scope=own"), "cluster", "router", false}};
+  EXPECT_EQ(lists.get("/api/v1/models"), json::parse(R"({"object":"list","count":4,"models":[
       {"id":"a","name":"a","object":"model","owned_by":"cluster","source":"worker",
        "workers":["w1","w2"],"worker_count":2},
       {"id":"r","name":"r","object":"model","owned_by":"cluster","source":"router","size":5},
       {"id":"z","name":"z","object":"model","owned_by":"local","source":"local","worker":"local",
-       "size":12}]})"));
+       "size":12},
+      {"id":"g","name":"g","object":"model","owned_by":"registry","source":"registry"}]})"));
 
   // Two controllers that list each other must not ask in circles.
   EXPECT_EQ(lists.get("/api/v1/models?scope=own")["count"], 2);
@@ -83,7 +88,8 @@ TEST(ModelListRoutes, NodesThatDoNotAnswerHoldTheListUpForAMoment) {
   MockPeer hanging([](MockConnection& connection) { connection.readRequest(); });
   ModelLists lists("http://127.0.0.1:" + std::to_string(silent.port()));
   lists.addWorker("w", {"a"});
-  for (int i = 0; i < 40; ++i) lists.remotes.push_back({hanging.url(""), "router"});
+  for (int i = 0; i < 40; ++i)
+    lists.remotes.push_back({hanging.url(""), "cluster", "router", false});
   const auto start = platform::steadyNow();
   EXPECT_EQ(lists.get("/api/v1/models")["count"], 1);
   EXPECT_LT(platform::millisecondsSince(start), 10'000);

@@ -4,10 +4,13 @@
 #include <nlohmann/json.hpp>
 
 #include "cluster/router_registry.h"
+#include "config/node_config.h"
 #include "controller/routes/families.h"
 #include "events/event_stream_service.h"
 #include "metrics/metrics_data_point.h"
 #include "metrics/metrics_history.h"
+#include "net/worker_client.h"
+#include "pipeline/pipeline_coordinator.h"
 #include "support/json_client.h"
 #include "worker/worker_registry.h"
 
@@ -24,7 +27,7 @@ class WorkerRoutes : public testing::Test {
 
   api::RouteBook book() {
     api::RouteBook book;
-    addWorkerRoutes(book, workers_, routers_, events_, history_,
+    addWorkerRoutes(book, workers_, routers_, events_, history_, configs_, pipelines_,
                     [this](const std::string& id) { refreshed_.push_back(id); });
     return book;
   }
@@ -44,6 +47,10 @@ class WorkerRoutes : public testing::Test {
   cluster::RouterRegistry routers_;
   events::EventStreamService events_;
   metrics::MetricsHistory history_;
+  config::NodeConfigs configs_;
+  net::HttpClient http_;
+  net::WorkerClient worker_client_{http_};
+  pipeline::PipelineCoordinator pipelines_{worker_client_, workers_, [] { return ""; }};
   std::vector<std::string> refreshed_;
   test::TestServer server_;
   test::JsonClient client_;
@@ -228,6 +235,20 @@ TEST(RouterRoutes, WhatCannotBeDoneIsRefused) {
     EXPECT_EQ(client.postText(std::string("/api/v1/routers/") + path, "").error(),
               "Invalid JSON body");
   }
+}
+
+TEST_F(WorkerRoutes, AHeartbeatTellsOfAConfigurationThatWaits) {
+  registerWorker("w?", "other");
+  configs_.set("w?", {{"config", {{"threads", 4}}}}, platform::wallNow());
+  const std::string expected = configs_.configId("w?");
+  EXPECT_EQ(heartbeat("w%3F", {{"config_id", "v0"}}).json,
+            json({{"status", "ok"},
+                  {"config_update_required", true},
+                  {"expected_config_id", expected},
+                  {"config_pull_url", "/api/v1/config/pull?node_id=w%3F"},
+                  {"restart_required", false}}));
+  EXPECT_EQ(heartbeat("w%3F", {{"config_id", expected}}).body, R"({"status":"ok"})");
+  EXPECT_EQ(heartbeat("w%3F", json::object()).body, R"({"status":"ok"})");
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <utility>
 
+#include "dev_worker/model_api.h"
 #include "dev_worker/worker_pages.h"
 
 namespace tavrel::dev_worker {
@@ -21,10 +22,12 @@ std::optional<Upstream> upstreamOf(const Options& options) {
 }  // namespace
 
 DevWorker::DevWorker(Options options)
-    : options_(std::move(options)), upstream_(upstreamOf(options_)) {
-  inference_ = std::make_unique<InferenceApi>(options_, upstream_, client_, stats_, stopping_);
+    : options_(std::move(options)), upstream_(upstreamOf(options_)), models_(options_.models) {
+  inference_ =
+      std::make_unique<InferenceApi>(options_, models_, upstream_, client_, stats_, stopping_);
   inference_->addRoutes(server_);
-  addWorkerPages(server_, options_, stats_);
+  addModelApi(server_, options_, models_, client_);
+  addWorkerPages(server_, options_, models_, stats_);
 }
 
 DevWorker::~DevWorker() {
@@ -71,10 +74,12 @@ std::string DevWorker::holdPort() {
 
 void DevWorker::startHeartbeats() {
   Registration::Models models = [this] {
-    return options_.models.empty() && upstream_ ? upstream_->models(client_) : options_.models;
+    return options_.models.empty() && upstream_ ? upstream_->models(client_) : models_.names();
   };
-  registration_ = std::make_unique<Registration>(identityOf(options_, port_), options_.api_key,
-                                                 std::move(models), stats_, client_);
+  Registration::Shards shards = [this] { return models_.shardReports(); };
+  registration_ =
+      std::make_unique<Registration>(identityOf(options_, port_), options_.api_key,
+                                     std::move(models), std::move(shards), stats_, client_);
   heartbeats_ = std::make_unique<platform::PeriodicTask>(
       "heartbeat", std::chrono::milliseconds(0), options_.heartbeat,
       [this](const std::stop_token&) { registration_->beat(); });

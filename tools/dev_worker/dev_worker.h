@@ -7,6 +7,7 @@
 
 #include "api/http_server.h"
 #include "dev_worker/inference_api.h"
+#include "dev_worker/model_store.h"
 #include "dev_worker/options.h"
 #include "dev_worker/registration.h"
 #include "dev_worker/stats.h"
@@ -41,6 +42,7 @@ class DevWorker {
   const std::optional<Upstream> upstream_;
   std::atomic<bool> stopping_{false};
   Stats stats_;
+  ModelStore models_;
   net::HttpClient client_;
   api::HttpServer server_;
   std::unique_ptr<InferenceApi> inference_;

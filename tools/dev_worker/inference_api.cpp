@@ -29,9 +29,11 @@ api::Response jsonAnswer(std::string body) {
 
 }  // namespace
 
-InferenceApi::InferenceApi(const Options& options, const std::optional<Upstream>& upstream,
-                           net::HttpClient& client, Stats& stats, const std::atomic<bool>& stopping)
+InferenceApi::InferenceApi(const Options& options, const ModelStore& models,
+                           const std::optional<Upstream>& upstream, net::HttpClient& client,
+                           Stats& stats, const std::atomic<bool>& stopping)
     : options_(options),
+      models_(models),
       upstream_(upstream),
       client_(client),
       stats_(stats),
@@ -110,7 +112,7 @@ api::Response InferenceApi::text(ReplyKind kind, api::Context& context,
                    "missing_required_parameter");
   }
   if (input->model.empty()) input->model = options_.models.front();
-  if (!knowsModel(input->model)) return unknownModel(input->model);
+  if (!models_.has(input->model)) return unknownModel(input->model);
   ClientWatch watch = watchFor(context);
   return input->stream ? streamedAnswer(kind, std::move(*input), watch)
                        : plainAnswer(kind, *input, watch);
@@ -169,17 +171,13 @@ api::Response InferenceApi::embeddings(const api::Request& request) {
   std::optional<EmbeddingInput> input = readEmbeddings(*body);
   if (!input) return refusal(400, "input is required", "missing_required_parameter");
   if (input->model.empty()) input->model = options_.models.front();
-  if (!knowsModel(input->model)) return unknownModel(input->model);
+  if (!models_.has(input->model)) return unknownModel(input->model);
   return jsonAnswer(embeddingsBody(*input));
 }
 
 api::Response InferenceApi::models() {
   if (upstream_) return upstream_->forwardGet(client_, "/v1/models");
-  return jsonAnswer(modelsBody(options_.models, started_));
-}
-
-bool InferenceApi::knowsModel(const std::string& model) const {
-  return std::find(options_.models.begin(), options_.models.end(), model) != options_.models.end();
+  return jsonAnswer(modelsBody(models_.names(), started_));
 }
 
 platform::SteadyTime InferenceApi::tokenDue(platform::SteadyTime start, int tokens) const {

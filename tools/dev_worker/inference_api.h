@@ -9,6 +9,7 @@
 #include "dev_worker/answers.h"
 #include "dev_worker/client_watch.h"
 #include "dev_worker/faults.h"
+#include "dev_worker/model_store.h"
 #include "dev_worker/options.h"
 #include "dev_worker/stats.h"
 #include "dev_worker/upstream.h"
@@ -24,8 +25,9 @@ namespace tavrel::dev_worker {
 /// is stopped.
 class InferenceApi {
  public:
-  InferenceApi(const Options& options, const std::optional<Upstream>& upstream,
-               net::HttpClient& client, Stats& stats, const std::atomic<bool>& stopping);
+  InferenceApi(const Options& options, const ModelStore& models,
+               const std::optional<Upstream>& upstream, net::HttpClient& client, Stats& stats,
+               const std::atomic<bool>& stopping);
 
   void addRoutes(api::HttpServer& server);
 
@@ -43,11 +45,11 @@ class InferenceApi {
 
   api::Response guarded(api::Context& context, const api::Request& request,
                         const api::Handler& next);
-  bool knowsModel(const std::string& model) const;
   platform::SteadyTime tokenDue(platform::SteadyTime start, int tokens) const;
   ClientWatch watchFor(const api::Context& context);
 
   const Options& options_;
+  const ModelStore& models_;
   const std::optional<Upstream>& upstream_;
   net::HttpClient& client_;
   Stats& stats_;

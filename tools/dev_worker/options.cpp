@@ -106,6 +106,9 @@ constexpr std::array kOptions{
     OptionEntry{
         "--latency-ms", "MS", "time before the first token (default: 0)",
         [](const std::string& v, Draft& d) { return readMilliseconds(v, 0, d.options.latency); }},
+    OptionEntry{
+        "--pull-ms", "MS", "time that pulling a model takes (default: 0)",
+        [](const std::string& v, Draft& d) { return readMilliseconds(v, 0, d.options.pull_time); }},
     OptionEntry{"--fault", "KIND[:RATE]", "misbehave (repeatable), see below",
                 [](const std::string& v, Draft& d) {
                   d.fault_texts.push_back(v);

@@ -26,8 +26,9 @@ struct Options {
   std::string upstream_key;  ///< sent to it as a bearer token
   std::string answer;        ///< fixed text of every answer; empty: echoes
   int tokens = 0;            ///< per answer; 0: as many as the text has
-  double tokens_per_second = 0;          ///< 0: as fast as possible
-  std::chrono::milliseconds latency{0};  ///< before the first token
+  double tokens_per_second = 0;            ///< 0: as fast as possible
+  std::chrono::milliseconds latency{0};    ///< before the first token
+  std::chrono::milliseconds pull_time{0};  ///< how long pulling a model takes
   std::vector<FaultRule> faults;
 
   /// A worker that advertises a loopback address is reachable there only.

@@ -87,11 +87,12 @@ json heartbeatBody(const Identity& identity, const std::vector<std::string>& mod
   return body;
 }
 
-Registration::Registration(Identity identity, std::string api_key, Models models,
+Registration::Registration(Identity identity, std::string api_key, Models models, Shards shards,
                            const Stats& stats, net::HttpClient& client)
     : identity_(std::move(identity)),
       api_key_(std::move(api_key)),
       models_(std::move(models)),
+      shards_(std::move(shards)),
       stats_(stats),
       client_(client),
       started_(platform::toEpochSeconds(platform::wallNow())) {}
@@ -104,9 +105,10 @@ void Registration::beat() {
     platform::printLine("[DevWorker] Registered as " + identity_.id + " with " +
                         identity_.controller_url);
   }
+  json body = heartbeatBody(identity_, models, figures_.sample(), stats_, started_);
+  if (json shards = shards_(); !shards.empty()) body["pipeline_shards"] = std::move(shards);
   // The id may hold anything; it must stay one segment of the path.
-  send("/api/v1/workers/" + platform::percentEncode(identity_.id) + "/heartbeat",
-       heartbeatBody(identity_, models, figures_.sample(), stats_, started_));
+  send("/api/v1/workers/" + platform::percentEncode(identity_.id) + "/heartbeat", body);
 }
 
 bool Registration::send(const std::string& path, const json& body) {

@@ -41,9 +41,10 @@ nlohmann::json heartbeatBody(const Identity& identity, const std::vector<std::st
 class Registration {
  public:
   using Models = std::function<std::vector<std::string>()>;
+  using Shards = std::function<nlohmann::json()>;  ///< how its shards of pipelines fare
 
-  Registration(Identity identity, std::string api_key, Models models, const Stats& stats,
-               net::HttpClient& client);
+  Registration(Identity identity, std::string api_key, Models models, Shards shards,
+               const Stats& stats, net::HttpClient& client);
 
   void beat();
 
@@ -54,6 +55,7 @@ class Registration {
   const Identity identity_;
   const std::string api_key_;
   const Models models_;
+  const Shards shards_;
   const Stats& stats_;
   net::HttpClient& client_;
   const std::int64_t started_;  ///< seconds since the epoch

@@ -9,9 +9,9 @@
 namespace tavrel::dev_worker {
 namespace {
 
-std::string dashboardPage(const Options& options, const Stats& stats) {
+std::string dashboardPage(const Options& options, const ModelStore& store, const Stats& stats) {
   std::string models;
-  for (const std::string& model : options.models) {
+  for (const std::string& model : store.names()) {
     models += "<li>" + platform::escapeHtml(model) + "</li>";
   }
   const std::string title = options.name.empty() ? "Development worker" : options.name;
@@ -26,15 +26,16 @@ std::string dashboardPage(const Options& options, const Stats& stats) {
 
 }  // namespace
 
-void addWorkerPages(api::HttpServer& server, const Options& options, const Stats& stats) {
+void addWorkerPages(api::HttpServer& server, const Options& options, const ModelStore& models,
+                    const Stats& stats) {
   const platform::SteadyTime start = platform::steadyNow();
-  server.get("/api/v1/health", [&options, start](api::Context&, const api::Request&) {
+  server.get("/api/v1/health", [&models, start](api::Context&, const api::Request&) {
     const auto uptime = static_cast<std::int64_t>(platform::millisecondsSince(start) / 1000);
     return api::Response::ok(
-        {{"status", "healthy"}, {"models", options.models}, {"uptime_seconds", uptime}});
+        {{"status", "healthy"}, {"models", models.names()}, {"uptime_seconds", uptime}});
   });
-  server.get("/dashboard", [&options, &stats](api::Context&, const api::Request&) {
-    return api::Response::text(dashboardPage(options, stats), "text/html; charset=utf-8");
+  server.get("/dashboard", [&options, &models, &stats](api::Context&, const api::Request&) {
+    return api::Response::text(dashboardPage(options, models, stats), "text/html; charset=utf-8");
   });
   server.get("/dev/stats", [&stats](api::Context&, const api::Request&) {
     return api::Response::ok(stats.toJson());

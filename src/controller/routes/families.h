@@ -32,10 +32,20 @@ namespace tavrel::metrics {
 class MetricsCollector;
 class MetricsHistory;
 }  // namespace tavrel::metrics
+namespace tavrel::models {
+class ModelDistribution;
+class ModelRegistry;
+class PullJobs;
+class TrainingJobs;
+}  // namespace tavrel::models
 namespace tavrel::net {
 class HttpClient;
 class SmtpClient;
+class WorkerClient;
 }  // namespace tavrel::net
+namespace tavrel::pipeline {
+class PipelineCoordinator;
+}
 namespace tavrel::worker {
 class TypedWorkerRegistries;
 class WorkerRegistry;
@@ -60,13 +70,22 @@ void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
 /// `refresh_node` is told the id of every cluster node that reports itself; it may be empty.
 void addWorkerRoutes(api::RouteBook& book, worker::WorkerRegistry& workers,
                      cluster::RouterRegistry& routers, events::EventStreamService& events,
-                     metrics::MetricsHistory& history,
+                     metrics::MetricsHistory& history, const config::NodeConfigs& configs,
+                     pipeline::PipelineCoordinator& pipelines,
                      std::function<void(const std::string& node_id)> refresh_node);
 void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,
                           events::EventStreamService& events);
 void addModelListRoutes(api::RouteBook& book, const inference::ModelCatalogue& models);
+/// `local_model_server` is asked about models that no worker has loaded.
+void addModelRoutes(api::RouteBook& book, const worker::WorkerRegistry& workers,
+                    models::PullJobs& jobs, models::ModelDistribution& distribution,
+                    net::WorkerClient& client, const std::string& local_model_server);
+void addModelRegistryRoutes(api::RouteBook& book, models::ModelRegistry& registry);
+void addPipelineRoutes(api::RouteBook& book, pipeline::PipelineCoordinator& pipelines,
+                       models::ModelRegistry& registry);
+void addTrainingRoutes(api::RouteBook& book, models::TrainingJobs& jobs);
 void addChatRoutes(api::RouteBook& book, inference::ChatProxy& chat);
 /// The OpenAI surface: chat completions, completions and embeddings.
 void addOpenAiRoutes(api::RouteBook& book, inference::OpenAiGateway& gateway);

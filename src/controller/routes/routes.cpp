@@ -10,10 +10,16 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);
-  addWorkerRoutes(book, s.workers, s.routers, s.events, s.history, nullptr);
+  addWorkerRoutes(book, s.workers, s.routers, s.events, s.history, s.node_configs, s.pipelines,
+                  nullptr);
   addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
+  addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
+                 s.local_server.baseUrl());
+  addModelRegistryRoutes(book, s.model_registry);
+  addPipelineRoutes(book, s.pipelines, s.model_registry);
+  addTrainingRoutes(book, s.training_jobs);
   addChatRoutes(book, s.chat);
   addOpenAiRoutes(book, s.openai);
   addAiRoutes(book, s.self, s.ai_control, s.routers, s.workers);

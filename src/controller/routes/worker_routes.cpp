@@ -4,11 +4,14 @@
 
 #include "api/route_book.h"
 #include "cluster/router_registry.h"
+#include "config/node_config.h"
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "events/event_stream_service.h"
 #include "metrics/metrics_history.h"
+#include "pipeline/pipeline_coordinator.h"
 #include "platform/console.h"
+#include "platform/text.h"
 #include "worker/worker_registry.h"
 
 namespace tavrel::controller {
@@ -60,6 +63,8 @@ struct WorkerRoutes {
   cluster::RouterRegistry& routers;
   events::EventStreamService& events;
   metrics::MetricsHistory& history;
+  const config::NodeConfigs& configs;
+  pipeline::PipelineCoordinator& pipelines;
   std::function<void(const std::string& node_id)> refresh_node;
 
   Response registerWorker(const Request& req) const {
@@ -87,11 +92,25 @@ struct WorkerRoutes {
       info.worker_id = id;
       admit(std::move(info), false);
     }
-    if (body.contains("metrics")) {
-      const worker::WorkerPtr worker = workers.find(id);
-      if (worker != nullptr) history.recordWorkerMetrics(id, pointFrom(worker->metrics, now));
+    const worker::WorkerPtr worker = workers.find(id);
+    if (body.contains("metrics") && worker != nullptr) {
+      history.recordWorkerMetrics(id, pointFrom(worker->metrics, now));
     }
-    return Response::ok({{"status", "ok"}});
+    if (body.contains("pipeline_shards")) pipelines.reportShards(id, body["pipeline_shards"]);
+    json reply = {{"status", "ok"}};
+    if (worker != nullptr) addConfigHint(*worker, reply);
+    return Response::ok(reply);
+  }
+
+  /// Tells a worker that runs with another configuration than it should to fetch that.
+  void addConfigHint(const WorkerInfo& worker, json& reply) const {
+    const std::string expected = configs.configId(worker.worker_id);
+    if (expected.empty() || expected == worker.config_id) return;
+    reply["config_update_required"] = true;
+    reply["expected_config_id"] = expected;
+    reply["config_pull_url"] =
+        "/api/v1/config/pull?node_id=" + platform::percentEncode(worker.worker_id);
+    reply["restart_required"] = config::ConfigPullResponse().restart_required;
   }
 
   Response list() const {
@@ -151,9 +170,11 @@ struct WorkerRoutes {
 
 void addWorkerRoutes(api::RouteBook& book, worker::WorkerRegistry& workers,
                      cluster::RouterRegistry& routers, events::EventStreamService& events,
-                     metrics::MetricsHistory& history,
+                     metrics::MetricsHistory& history, const config::NodeConfigs& configs,
+                     pipeline::PipelineCoordinator& pipelines,
                      std::function<void(const std::string& node_id)> refresh_node) {
-  const WorkerRoutes h{workers, routers, events, history, std::move(refresh_node)};
+  const WorkerRoutes h{
+      workers, routers, events, history, configs, pipelines, std::move(refresh_node)};
   book.post("/api/v1/workers/register", [h](auto&, auto& req) { return h.registerWorker(req); });
   book.post("/api/v1/workers/:worker_id/heartbeat",
             [h](auto&, auto& req) { return h.heartbeat(req); });
