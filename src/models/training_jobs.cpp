@@ -42,7 +42,7 @@ json jobsIn(const std::string& text) {
 }
 
 Outcome requestFailed(const net::HttpResult& result) {
-  return Outcome::refused(502, "Training worker request failed: " + result.transport_error);
+  return Outcome::refused(502, "Training worker request failed: " + net::failureOf(result));
 }
 
 Outcome unknownJob(const std::string& job_id) {
@@ -64,7 +64,7 @@ Outcome TrainingJobs::submit(json body, platform::WallTime now) {
   if (!data_worker.empty()) body["data_worker_url"] = data_worker;
   const net::HttpResult result =
       client_.post(net::CallKind::kSubmitTraining, jobsUrl(worker), body);
-  if (!result.transport_error.empty()) return requestFailed(result);
+  if (!net::canBePassedOn(result)) return requestFailed(result);
   json answer = objectFrom(result.body);
   answer[kWorkerKey] = worker->id;
   return {result.status, std::move(answer), {}};
@@ -106,7 +106,7 @@ Outcome TrainingJobs::cancel(const std::string& job_id) {
   if (found.worker == nullptr) return unknownJob(job_id);
   const net::HttpResult result = client_.post(
       net::CallKind::kTrainingJobs, jobUrl(found.worker, job_id) + "/cancel", json::object());
-  if (!result.transport_error.empty()) return requestFailed(result);
+  if (!net::canBePassedOn(result)) return requestFailed(result);
   return {result.status, objectFrom(result.body), {}};
 }
 

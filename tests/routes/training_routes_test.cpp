@@ -96,6 +96,14 @@ TEST(ModelRegistryRoutes, PassOnWhateverADataWorkerSays) {
             "{\"raw_response\":\"oh\xEF\xBF\xBD\"}");
   EXPECT_EQ(answered(MockPeer::answering(httpAnswer(200, ""))).body, "{}");
   EXPECT_EQ(answered(MockPeer::answering(httpAnswer(404, "[1]"))).status, 404);
+  const JsonReply nothing = answered(MockPeer::answering("HTTP/1.1 204 No Content\r\n\r\n"));
+  EXPECT_EQ(nothing.status, 204);
+  EXPECT_EQ(nothing.body, "");
+  for (const int odd : {304, 600, 999}) {
+    const JsonReply refused = answered(MockPeer::answering(httpAnswer(odd, "")));
+    EXPECT_EQ(refused.status, 502) << odd;
+    EXPECT_EQ(refused.error(), "Failed to reach data worker") << odd;
+  }
   const JsonReply dropped =
       answered([](MockConnection& connection) { connection.readRequest(), connection.reset(); });
   EXPECT_EQ(dropped.status, 502);
@@ -134,6 +142,12 @@ TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
   const JsonReply dead = submit({{"backend", "axolotl"}});
   EXPECT_EQ(dead.status, 502);
   EXPECT_EQ(dead.error(), "Training worker request failed: Couldn't connect to server");
+
+  MockPeer odd(MockPeer::answering(httpAnswer(600, "{}")));
+  server.addTrainer("t4", odd.url(""), 0, {"odd"});
+  const JsonReply passed_over = submit({{"backend", "odd"}});
+  EXPECT_EQ(passed_over.status, 502);
+  EXPECT_EQ(passed_over.error(), "Training worker request failed: HTTP 600");
 }
 
 TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
