@@ -133,6 +133,7 @@ std::vector<TypedWorkerPtr> TrainingJobs::fresh(platform::WallTime now) const {
 }
 
 TrainingJobs::Found TrainingJobs::locate(const std::string& job_id) {
+  if (job_id.empty()) return {};  // its URL would be that of the whole list
   for (const TypedWorkerPtr& worker : training_workers_.snapshot()) {
     if (worker->baseUrl().empty()) continue;
     const net::HttpResult result =

@@ -171,6 +171,12 @@ TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
   EXPECT_EQ(requestLine(object, 3), "POST /api/v1/jobs/j/cancel");
   EXPECT_EQ(bodyOf(object, 3), "{}");
 
+  // Without an id nobody is asked.
+  EXPECT_EQ(server.api.get("/api/v1/training/jobs/").error(), "Training job not found: ");
+  EXPECT_EQ(server.api.post("/api/v1/training/jobs//cancel", json::object()).error(),
+            "Training job not found: ");
+  EXPECT_EQ(object.requests().size(), 4U);
+
   server.typed.of(WorkerKind::kTraining).remove("4");
   for (const bool cancel : {false, true}) {
     const JsonReply unknown =
