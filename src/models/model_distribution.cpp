@@ -5,6 +5,7 @@
 #include "platform/console.h"
 #include "platform/json_fields.h"
 #include "platform/text.h"
+#include "worker/worker_url.h"
 
 namespace tavrel::models {
 namespace {
@@ -15,7 +16,6 @@ using platform::printLine;
 
 constexpr const char* kDefaultFormat = "gguf";
 constexpr const char* kDefaultBackend = "ollama";
-constexpr const char* kNotFound = "worker not found";
 /// How much of a worker's refusal is shown, in characters.
 constexpr std::size_t kMaxShownReply = 2000;
 
@@ -91,10 +91,10 @@ Outcome ModelDistribution::fromLibrary(const DistributionRequest& request, const
   json results = json::array();
   for (const TargetWorker& target : targets) {
     const std::string failure =
-        target.base_url.empty() ? kNotFound
-                                : net::reportedFailure(client_.post(
-                                      net::CallKind::kPull, target.base_url + "/api/v1/models/pull",
-                                      json{{"model", request.model}}));
+        !target.error.empty() ? target.error
+                              : net::reportedFailure(client_.post(
+                                    net::CallKind::kPull, target.base_url + "/api/v1/models/pull",
+                                    json{{"model", request.model}}));
     results.push_back(entryFor(target, failure));
   }
   return distributing(request, std::move(results));
@@ -131,7 +131,10 @@ Outcome ModelDistribution::fromWorker(const DistributionRequest& request, const 
   if (source == nullptr) {
     return Outcome::refused(400, "Source worker '" + request.source_id + "' not found");
   }
-  const std::string base_url = targetFrom(*source).base_url;
+  const std::string base_url = worker::baseUrlOf(*source);
+  if (base_url.empty()) {
+    return Outcome::refused(400, "Source worker '" + request.source_id + "' has no valid address");
+  }
   const net::HttpResult shown =
       client_.post(net::CallKind::kDescribeModel, base_url + "/api/v1/models/show",
                    json{{"model", request.model}});
@@ -177,7 +180,7 @@ json ModelDistribution::installEverywhere(const json& body, const Targets& targe
 
 ModelDistribution::Installed ModelDistribution::install(const TargetWorker& target,
                                                         const json& body) {
-  if (target.base_url.empty()) return {kNotFound, {}};
+  if (!target.error.empty()) return {target.error, {}};
   net::HttpResult answer =
       client_.post(net::CallKind::kInstall, target.base_url + "/api/v1/models/install", body);
   std::string failure = net::failureOf(answer);

@@ -35,17 +35,14 @@ std::string nowText() {
   return platform::toUtcText(platform::wallNow());
 }
 
-std::string urlOf(const WorkerPtr& worker) {
-  return worker::httpUrl(worker->ip_address, worker->port);
-}
-
 std::uint64_t vramOf(const worker::WorkerInfo& worker, std::uint64_t worker::GPUInfo::*member) {
   std::uint64_t sum = 0;
   for (const worker::GPUInfo& gpu : worker.metrics.gpus) sum = saturatingAdd(sum, gpu.*member);
   return sum;
 }
 
-/// Where a worker's neighbours hand it activations, e.g. "tcp://10.0.0.7:50052".
+/// Where a worker's neighbours hand it activations, e.g. "tcp://10.0.0.7:50052". Worker and port
+/// have been checked.
 std::string tensorUrl(const worker::WorkerInfo& worker, const PipelineConfig& config) {
   const std::string http = worker::httpUrl(worker.ip_address, config.tensor_port);
   return config.transport + http.substr(http.find("://"));
@@ -181,7 +178,8 @@ Outcome PipelineCoordinator::rebalance(const std::string& pipeline_id) {
   Workers online;
   for (const std::string& id : entry.workers) {
     const WorkerPtr worker = workers_.find(id);
-    if (worker != nullptr && worker->status == worker::WorkerStatus::kOnline) {
+    if (worker != nullptr && worker->status == worker::WorkerStatus::kOnline &&
+        !worker::baseUrlOf(*worker).empty()) {
       online.push_back(worker);
     }
   }
@@ -259,6 +257,9 @@ PipelineCoordinator::Or<PipelineCoordinator::Workers> PipelineCoordinator::onlin
       return Outcome::refused(400, "Worker not online: " + id);
     }
     if (!seen.insert(id).second) return Outcome::refused(400, "Worker listed twice: " + id);
+    if (worker::baseUrlOf(*worker).empty()) {
+      return Outcome::refused(400, "Worker has no valid address: " + id);
+    }
     found.push_back(worker);
   }
   return found;
@@ -361,7 +362,7 @@ PipelineCoordinator::Or<std::vector<ShardAssignment>> PipelineCoordinator::assig
   for (std::size_t i = 0; i < shards.size(); ++i) {
     ShardAssignment& shard = shards[i];
     shard.worker_name = workers[i]->worker_name;
-    shard.worker_url = urlOf(workers[i]);
+    shard.worker_url = worker::baseUrlOf(*workers[i]);
     shard.worker_vram_free = vramOf(*workers[i], &worker::GPUInfo::memory_free);
     shard.tensor_port = entry.config.tensor_port;
     if (i > 0) shard.upstream_url = tensorUrl(*workers[i - 1], entry.config);
@@ -408,7 +409,8 @@ void PipelineCoordinator::unload(const PipelineConfig& config,
     calls.emplace_back([&, i] {
       // The worker may have come back at another address.
       const WorkerPtr worker = workers_.find(config.shards[i].worker_id);
-      const std::string url = worker == nullptr ? config.shards[i].worker_url : urlOf(worker);
+      std::string url = worker == nullptr ? "" : worker::baseUrlOf(*worker);
+      if (url.empty()) url = config.shards[i].worker_url;
       unloaded[i] = net::reportedFailure(client_.post(net::CallKind::kUnloadShard,
                                                       url + "/api/v1/pipeline/unload", body))
                         .empty();

@@ -39,11 +39,13 @@ struct ModelServer {
   }
 
   void addWorker(const std::string& id, int port, WorkerStatus status = WorkerStatus::kOnline,
-                 const std::string& type = "inference") {
+                 const std::string& type = "inference",
+                 const std::string& address = "127.0.0.1") {
     worker::WorkerInfo info;
     info.worker_id = id;
     info.worker_name = "name of " + id;
-    info.ip_address = "127.0.0.1";
+    info.ip_address = address;
+    info.running_models.emplace_back().name = "loaded on " + id;
     info.port = port;
     info.status = status;
     info.worker_type = type;
@@ -148,6 +150,37 @@ TEST(ModelRoutes, APullJobEndsAsItsWorkersDid) {
   const JsonReply unknown = server.api.get("/api/v1/models/pull-jobs/unknown");
   EXPECT_EQ(unknown.status, 404);
   EXPECT_EQ(unknown.error(), "Pull job not found: unknown");
+}
+
+TEST(ModelRoutes, AWorkerWhoseAddressWouldLeadElsewhereIsNotCalled) {
+  ModelServer server;
+  MockPeer elsewhere(MockPeer::answering(httpAnswer(200, "{}")));
+  const std::string port = std::to_string(elsewhere.port());
+  server.addWorker("bad", 8090, WorkerStatus::kOnline, "", "127.0.0.1:" + port + "/x?");
+  server.addWorker("high", 65536);
+  server.addWorker("user", elsewhere.port(), WorkerStatus::kOnline, "", "u:p@127.0.0.1");
+  const char* const kText = "worker has no valid address";
+  const json job = server.pulled({{"model", "m"}, {"all", true}});
+  EXPECT_EQ(job["status"], "failed");
+  for (const json& result : job["results"]) EXPECT_EQ(result["error"], kText);
+  for (const char* source : {"ollama", "url"}) {
+    const json reply =
+        server
+            .distribute(
+                {{"model", "m"}, {"source", source}, {"source_url", "http://h/m"}, {"all", true}})
+            .json;
+    for (const json& result : reply["results"]) EXPECT_EQ(result["error"], kText) << reply;
+  }
+  EXPECT_EQ(server
+                .distribute({{"model", "m"},
+                             {"source", "worker"},
+                             {"source_id", "user"},
+                             {"workers", {"bad"}}})
+                .error(),
+            "Source worker 'user' has no valid address");
+  server.api.post("/api/v1/models/show", {{"model", "loaded on user"}});
+  EXPECT_EQ(server.local.requests().size(), 1U);
+  EXPECT_EQ(elsewhere.connections(), 0U);
 }
 
 TEST(ModelRoutes, StoppingDoesNotWaitForHangingPulls) {

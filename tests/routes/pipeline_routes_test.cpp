@@ -57,6 +57,9 @@ struct PipelineServer {
       info.status = online ? WorkerStatus::kOnline : WorkerStatus::kOffline;
     });
   }
+  void setAddress(const std::string& id, const std::string& address) {
+    workers.update(id, [&](worker::WorkerInfo& info) { info.ip_address = address; });
+  }
   void addStore(const MockPeer& store) {
     addDaemon(typed, worker::WorkerKind::kData, "d", store.url(""), {{"storage_enabled", true}});
   }
@@ -176,6 +179,11 @@ TEST(PipelineRoutes, RebalancingUsesTheWorkersThatAreOnline) {
   server.act("rebalance", id);
   EXPECT_EQ(server.layers(server.show(id)), json::parse("[[0,20],[20,31],[31,32]]"));
 
+  // One that is reached nowhere now gets no layers, and loses its old ones where it was.
+  server.setAddress("b", "b/?");
+  EXPECT_EQ(server.act("rebalance", id).json["workers_online"], 2);
+  EXPECT_TRUE(server.peers["b"]->requests().back().starts_with("POST /api/v1/pipeline/unload "));
+
   for (const char* worker : {"a", "b", "c"}) server.setOnline(worker, false);
   const JsonReply nobody = server.act("rebalance", id);
   EXPECT_EQ(nobody.status, 400);
@@ -277,6 +285,9 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
   EXPECT_EQ(refusal({{"model_id", "m"}, {"workers", {"w", "w"}}}), "Worker listed twice: w");
   EXPECT_EQ(refusal({{"model_path", "/dev/null"}, {"workers", {"w"}}}),
             "Failed to parse GGUF file: /dev/null");
+  server.addWorker("odd", 0);
+  server.setAddress("odd", "h/x?");
+  EXPECT_EQ(refusal({{"model_id", "m"}, {"workers", {"odd"}}}), "Worker has no valid address: odd");
   const json wanted = {{"model_id", "m"}, {"workers", {"w", "v"}}};
   const char* const kFetch = "Failed to fetch model metadata from data worker";
   EXPECT_EQ(refusal(wanted, 502), kFetch);
