@@ -280,7 +280,8 @@ PipelineCoordinator::Or<PipelineCoordinator::Entry> PipelineCoordinator::entryFo
   if (config.tensor_port < 1 || config.tensor_port > 65535) {
     return Outcome::refused(400, "tensor_port must be between 1 and 65535");
   }
-  if (!config.data_worker_url.empty() && !net::isHttpUrl(config.data_worker_url)) {
+  if (!config.data_worker_url.empty() &&
+      !worker::ensureResolvableURL(config.data_worker_url, "", "")) {
     return Outcome::refused(400, "data_worker_url must be an http or https URL");
   }
   auto refusal = request.model_id.empty() ? readFromFile(request.model_path, entry)

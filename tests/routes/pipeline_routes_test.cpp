@@ -311,8 +311,11 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
     EXPECT_NE(refusal(manual), "") << layers;
   }
   json elsewhere = wanted;
-  elsewhere["data_worker_url"] = "file:///etc/passwd";
-  EXPECT_EQ(refusal(elsewhere), "data_worker_url must be an http or https URL");
+  for (const std::string& url : {std::string("file:///etc/passwd"), store.url("/?x="),
+                                 store.url("/#"), "http://u:p@" + store.url("").substr(7)}) {
+    elsewhere["data_worker_url"] = url;
+    EXPECT_EQ(refusal(elsewhere), "data_worker_url must be an http or https URL") << url;
+  }
   EXPECT_EQ(server.api.get("/api/v1/pipeline/status").json["count"], 0);
 }
 
