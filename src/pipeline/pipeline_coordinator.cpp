@@ -100,6 +100,16 @@ std::optional<ShardStatus> reportedStatus(const json& report) {
   return std::nullopt;
 }
 
+/// Whether the report is of the shard as it is now: one sent before a rebalancing may be of other
+/// layers. A report without layers is of any.
+bool isAbout(const json& report, const ShardAssignment& shard) {
+  const auto is = [&report](const char* key, std::int32_t layer) {
+    const json* told = platform::jsonMember(report, key);
+    return told == nullptr || told->is_null() || *told == layer;
+  };
+  return is("layer_start", shard.layer_start) && is("layer_end", shard.layer_end);
+}
+
 }  // namespace
 
 PipelineCoordinator::PipelineCoordinator(net::WorkerClient& client,
@@ -236,7 +246,7 @@ void PipelineCoordinator::reportShards(const std::string& worker_id, const json&
     Entry& entry = found->second;
     if (entry.config.status == PipelineStatus::kUndeploying) continue;
     for (ShardAssignment& shard : entry.config.shards) {
-      if (shard.worker_id != worker_id) continue;
+      if (shard.worker_id != worker_id || !isAbout(report, shard)) continue;
       shard.status = *status;
       shard.error = *status == ShardStatus::kError && error != nullptr && error->is_string()
                         ? error->get<std::string>()

@@ -172,6 +172,16 @@ TEST(PipelineRoutes, RebalancingUsesTheWorkersThatAreOnline) {
   EXPECT_EQ(server.act("rebalance", id).json,
             json({{"status", "rebalanced"}, {"shard_count", 2}, {"workers_online", 2}}));
   EXPECT_EQ(server.layers(server.show(id)), json::parse("[[0,16],[16,32]]"));
+  // What "c" sent before it heard of its new layers says nothing of them.
+  const auto ready = [&](const std::string& worker, json report) {
+    report.update({{"pipeline_id", id}, {"status", "ready"}});
+    server.pipelines.reportShards(worker, json::array({report}));
+    return server.show(id)["status"];
+  };
+  ready("a", {{"layer_start", 0}, {"layer_end", 16}});
+  EXPECT_EQ(ready("c", {{"layer_start", 31}, {"layer_end", 32}}), "loading");
+  EXPECT_EQ(ready("c", {{"layer_start", 16}, {"layer_end", "32"}}), "loading");
+  EXPECT_EQ(ready("c", {{"layer_start", 16}, {"layer_end", 32}}), "ready");
   EXPECT_TRUE(server.peers["b"]->requests()[1].starts_with("POST /api/v1/pipeline/unload "));
   EXPECT_EQ(server.bodyAt("b", 1), json({{"pipeline_id", id}}));
   EXPECT_EQ(server.bodyAt("c", 2)["upstream_worker"], "a");
