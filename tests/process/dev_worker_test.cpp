@@ -79,6 +79,10 @@ TEST(DevWorkerProcess, AnswersAndStopsCleanlyOnASignal) {
 TEST(DevWorkerProcess, RefusesAWrongCommandLineAndATakenPort) {
   Process wrong(kDevWorker, {"--prot", "0"});
   EXPECT_EQ(wrong.waitForExit(10s), 2);
+  EXPECT_EQ(wrong.errorLines().back(), "Try --help.");
+  Process help(kDevWorker, {"--help"});
+  EXPECT_EQ(help.waitForExit(10s), 0);
+  EXPECT_EQ(help.outputLines().at(1), "Options:");
   const Worker first(std::vector<std::string>{});
   Process second(kDevWorker, {"--port", std::to_string(first.port())});
   EXPECT_EQ(second.waitForExit(10s), 1);
