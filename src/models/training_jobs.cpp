@@ -53,7 +53,7 @@ Outcome unknownJob(const std::string& job_id) {
 
 Outcome TrainingJobs::submit(json body, platform::WallTime now) {
   std::string backend;
-  platform::readField(body, "backend", backend);
+  platform::readFieldUnlessNull(body, "backend", backend);
   const TypedWorkerPtr worker = choose(backend, now);
   if (worker == nullptr) {
     return Outcome::refused(503,

@@ -322,15 +322,15 @@ std::optional<Outcome> PipelineCoordinator::readFromDataWorker(const std::string
   if (!told.is_object()) return failed;
   GGUFModelMetadata& model = entry.model;
   try {
-    platform::readField(told, "total_layers", model.block_count);
-    platform::readField(told, "hidden_size", model.embedding_length);
-    platform::readField(told, "architecture", model.architecture);
-    platform::readField(told, "quantization", model.quantization);
-    platform::readField(told, "file_size_bytes", model.file_size_bytes);
-    platform::readField(told, "embed_size", model.embed_size);
-    platform::readField(told, "output_size", model.output_size);
-    platform::readField(told, "gguf_path", config.model_path);
-    platform::readField(told, "filename", config.model_name);
+    platform::readFieldUnlessNull(told, "total_layers", model.block_count);
+    platform::readFieldUnlessNull(told, "hidden_size", model.embedding_length);
+    platform::readFieldUnlessNull(told, "architecture", model.architecture);
+    platform::readFieldUnlessNull(told, "quantization", model.quantization);
+    platform::readFieldUnlessNull(told, "file_size_bytes", model.file_size_bytes);
+    platform::readFieldUnlessNull(told, "embed_size", model.embed_size);
+    platform::readFieldUnlessNull(told, "output_size", model.output_size);
+    platform::readFieldUnlessNull(told, "gguf_path", config.model_path);
+    platform::readFieldUnlessNull(told, "filename", config.model_name);
   } catch (const json::exception&) {
     return failed;
   }

@@ -307,7 +307,8 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
     server.addStore(store);
     EXPECT_EQ(refusal(wanted, 502), kFetch);
   }
-  for (const char* answer : {"{}", R"({"total_layers":-5})"}) {
+  for (const char* answer :
+       {"{}", R"({"total_layers":-5})", R"({"total_layers":null,"filename":null})"}) {
     MockPeer store(MockPeer::answering(httpAnswer(200, answer)));
     server.addStore(store);
     EXPECT_EQ(refusal(wanted), "Could not determine model layer count");

@@ -135,6 +135,8 @@ TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
   EXPECT_EQ(object.json, json({{"job_id", "j"}, {"training_worker_id", "t1"}}));
   EXPECT_EQ(bodyOf(first), R"({"backend":"mlx","data_worker_url":"http://10.1.1.1:8892"})");
 
+  EXPECT_EQ(submit({{"backend", nullptr}}).json["training_worker_id"], "t2");
+
   const JsonReply none = submit({{"backend", "deepspeed"}});
   EXPECT_EQ(none.status, 503);
   EXPECT_EQ(none.error(), "No suitable training worker available (requested backend: deepspeed)");
