@@ -46,7 +46,7 @@ struct PullJob {
 /// Stopping: the owner cancels the HTTP client first, then stop returns within about a second.
 class PullJobs {
  public:
-  static constexpr std::size_t kMaxPullsAtOnce = 64;
+  static constexpr std::size_t kMaxPullsAtOnce = 256;
 
   /// The references must outlive this.
   PullJobs(net::WorkerClient& client, events::EventStreamService& events);

@@ -186,7 +186,7 @@ TEST(ModelRoutes, AWorkerWhoseAddressWouldLeadElsewhereIsNotCalled) {
 TEST(ModelRoutes, StoppingDoesNotWaitForHangingPulls) {
   ModelServer server;
   MockPeer hanging([](MockConnection& connection) { connection.readRequest(); });
-  for (int i = 0; i < 100; ++i) server.addWorker("w" + std::to_string(i), hanging.port());
+  for (int i = 0; i < 300; ++i) server.addWorker("w" + std::to_string(i), hanging.port());
   server.pull({{"model", "m"}, {"all", true}});
   ASSERT_TRUE(hanging.waitForRequests(models::PullJobs::kMaxPullsAtOnce));
   const auto start = platform::steadyNow();
