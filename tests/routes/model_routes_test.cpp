@@ -39,8 +39,7 @@ struct ModelServer {
   }
 
   void addWorker(const std::string& id, int port, WorkerStatus status = WorkerStatus::kOnline,
-                 const std::string& type = "inference",
-                 const std::string& address = "127.0.0.1") {
+                 const std::string& type = "inference", const std::string& address = "127.0.0.1") {
     worker::WorkerInfo info;
     info.worker_id = id;
     info.worker_name = "name of " + id;
@@ -171,13 +170,12 @@ TEST(ModelRoutes, AWorkerWhoseAddressWouldLeadElsewhereIsNotCalled) {
             .json;
     for (const json& result : reply["results"]) EXPECT_EQ(result["error"], kText) << reply;
   }
-  EXPECT_EQ(server
-                .distribute({{"model", "m"},
-                             {"source", "worker"},
-                             {"source_id", "user"},
-                             {"workers", {"bad"}}})
-                .error(),
-            "Source worker 'user' has no valid address");
+  EXPECT_EQ(
+      server
+          .distribute(
+              {{"model", "m"}, {"source", "worker"}, {"source_id", "user"}, {"workers", {"bad"}}})
+          .error(),
+      "Source worker 'user' has no valid address");
   server.api.post("/api/v1/models/show", {{"model", "loaded on user"}});
   EXPECT_EQ(server.local.requests().size(), 1U);
   EXPECT_EQ(elsewhere.connections(), 0U);
@@ -266,6 +264,23 @@ TEST(ModelRoutes, AModelFromTheRegistryIsFetchedFromItsDataWorker) {
                                   {"nfs_path", "/nfs/m"},
                                   {"format", "onnx"},
                                   {"backend", "ollama"}}));
+
+  // One without storage hands out models too, but not before one that has it.
+  const auto first_asked = [&](int silent, const char* status) {
+    MockPeer plain(MockPeer::answering(httpAnswer(200, "{}")));
+    addDaemon(server.typed, worker::WorkerKind::kData, "c", plain.url(""), {},
+              std::chrono::seconds(silent));
+    server.typed.of(worker::WorkerKind::kData).update("d", [&](worker::TypedWorkerInfo& info) {
+      info.status = status;
+    });
+    const std::size_t before = store.requests().size();
+    server.distribute(wanted);
+    return std::string(plain.connections() > 0 ? "c" : "") +
+           (store.requests().size() > before ? "d" : "");
+  };
+  EXPECT_EQ(first_asked(0, "online"), "d");
+  EXPECT_EQ(first_asked(120, "offline"), "c");
+  EXPECT_EQ(first_asked(121, "offline"), "");
 
   // Heard of too long ago.
   addDaemon(server.typed, worker::WorkerKind::kData, "d", store.url("/"),
