@@ -48,12 +48,10 @@ std::string textOr(const json& object, const char* key, const std::string& fallb
              : fallback;
 }
 
-/// Adds what the place of origin knows of the model: where it lies on a shared file system, and
-/// its format unless the request named one.
-void addKnown(json& install, const json& known, const DistributionRequest& request) {
+/// Adds where the place of origin knows the model to lie on a shared file system.
+void addSharedPath(json& install, const json& known) {
   const std::string nfs_path = textOr(known, "nfs_path", "");
   if (!nfs_path.empty()) install["nfs_path"] = nfs_path;
-  if (request.format.empty()) install["format"] = textOr(known, "format", kDefaultFormat);
 }
 
 json entryFor(const TargetWorker& target, const std::string& failure) {
@@ -108,7 +106,8 @@ Outcome ModelDistribution::fromRegistry(const DistributionRequest& request,
   if (!entry)
     return Outcome::refused(400, "Model not found in registry or no data worker available");
   json install = installBody(request, downloadUrl(data_worker, request.model));
-  addKnown(install, *entry, request);
+  addSharedPath(install, *entry);
+  if (request.format.empty()) install["format"] = textOr(*entry, "format", kDefaultFormat);
   return distributing(request, installEverywhere(install, targets));
 }
 
@@ -144,7 +143,8 @@ Outcome ModelDistribution::fromWorker(const DistributionRequest& request, const 
   }
   const json known = net::parsedJson(shown.body);
   json install = installBody(request, downloadUrl(base_url, request.model));
-  addKnown(install, known, request);
+  addSharedPath(install, known);
+  install["format"] = textOr(known, "format", kDefaultFormat);  // it is that worker's file
   install["backend_hint"] = textOr(known, "backend", kDefaultBackend);
 
   json results = json::array();

@@ -316,6 +316,12 @@ TEST(ModelRoutes, AModelOfAnotherWorkerIsFetchedFromThere) {
                                   {"backend", "ollama"},
                                   {"backend_hint", "llamacpp"}}));
 
+  MockPeer onnx(MockPeer::answering(httpAnswer(200, R"({"format":"onnx"})")));
+  server.addWorker("source", onnx.port());
+  wanted["format"] = "safetensors";
+  server.distribute(wanted);
+  EXPECT_EQ(bodyOf(target, 1)["format"], "onnx");
+
   wanted["source_id"] = "bad";
   EXPECT_EQ(server.distribute(wanted).error(), "Model 'm' not found on source worker 'bad'");
   wanted["source_id"] = "gone";
