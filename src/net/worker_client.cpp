@@ -87,6 +87,11 @@ nlohmann::json rawResponse(const std::string& text) {
   return {{"raw_response", platform::replaceInvalidUtf8(text)}};
 }
 
+bool canBePassedOn(const HttpResult& result) {
+  return result.transport_error.empty() && result.status >= 200 && result.status <= 599 &&
+         result.status != 304;
+}
+
 std::string failureOf(const HttpResult& result) {
   if (!result.transport_error.empty()) return result.transport_error;
   return result.status == 200 ? "" : "HTTP " + std::to_string(result.status);

@@ -65,6 +65,10 @@ nlohmann::json parsedJson(const std::string& text);
 /// {"raw_response": text}, for a daemon's text that is not the JSON it should be.
 nlohmann::json rawResponse(const std::string& text);
 
+/// Whether what came back can be passed on as an answer of ours: a final status (200 to 599) and
+/// not 304, which answers a condition that was never set.
+bool canBePassedOn(const HttpResult& result);
+
 /// Why the call failed: the transport's text or "HTTP " and the status; empty for status 200.
 std::string failureOf(const HttpResult& result);
 
