@@ -53,6 +53,7 @@ Services::Services(const Options& options)
       worker_client(http),
       worker_connections({}),
       backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
+      cluster(options.cluster_enabled ? std::make_unique<ClusterServices>(options, self) : nullptr),
       ai_control(http),
       themes(http),
       model_registry(worker_client, typed.of(worker::WorkerKind::kData)),

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "ai/ai_control.h"
 #include "ai/moe_router.h"
 #include "ai/theme_detector.h"
@@ -10,6 +12,7 @@
 #include "config/backend_profile_manager.h"
 #include "config/node_config.h"
 #include "controller/background_loops.h"
+#include "controller/cluster_services.h"
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
 #include "events/event_stream_service.h"
@@ -54,6 +57,8 @@ struct Services {
   cluster::RoutingRules routing_rules;
   config::NodeConfigs node_configs;
   config::BackendProfileManager backend_profiles;
+
+  std::unique_ptr<ClusterServices> cluster;  ///< null: cluster mode is off
 
   ai::AiControl ai_control;
   ai::MoeRouter experts;

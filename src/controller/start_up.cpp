@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <thread>
@@ -140,6 +141,13 @@ void startObservability(Services& services, const Options& options) {
   services.history.initialize(kMetricsRetentionMinutes, kMetricsIntervalSeconds);
 }
 
+/// Joins the cluster, which waits for seeds and peers. False: the start ends here.
+bool startCluster(Services& services, const Options& options) {
+  if (services.cluster == nullptr) return true;
+  printLine("[Controller] Initializing cluster support...");
+  return services.cluster->start(tierName(options.tier));
+}
+
 void registerRoutes(Services& services) {
   api::RouteBook book;
   addAllRoutes(book, services);
@@ -148,12 +156,18 @@ void registerRoutes(Services& services) {
   services.server.use(requestMetrics(services.collector));
 }
 
-/// What SIGINT and SIGTERM do, on the thread that waits for them.
-void beginShutdown(Services& services, int signal) {
+/// What SIGINT and SIGTERM do, on the thread that waits for them. Until the server has `started`
+/// the main thread owns everything: it only gets to know.
+void beginShutdown(Services& services, int signal, const std::atomic<bool>& started) {
   printLine("");
   printLine("[Controller] Received signal " + std::to_string(signal) + ", shutting down...");
   g_shutdown_requested = true;
+  if (!started) {
+    if (services.cluster != nullptr) services.cluster->hurry();
+    return;
+  }
   services.server.stop();
+  if (services.cluster != nullptr) services.cluster->stop();
 }
 
 bool startServer(Services& services, const Options& options) {
@@ -175,6 +189,7 @@ bool startServer(Services& services, const Options& options) {
 
 void finish(Services& services) {
   services.http.cancelAll();
+  if (services.cluster != nullptr) services.cluster->stop();
   services.loops.stop();
   services.pull_jobs.stop();
   services.events.stop();
@@ -201,13 +216,20 @@ int runController(const std::vector<std::string>& arguments) {
   configureServer(services, options);
   if (!startAuthentication(services, options)) return 1;
   startObservability(services, options);
-  registerRoutes(services);
-  signals.start([&services](int signal) { beginShutdown(services, signal); });
-  if (!startServer(services, options)) {
+  std::atomic<bool> started = false;
+  signals.start([&](int signal) { beginShutdown(services, signal, started); });
+  bool good = startCluster(services, options);
+  if (good && !g_shutdown_requested) {
+    registerRoutes(services);
+    good = startServer(services, options);
+  }
+  if (!good) {
     signals.stop();
     finish(services);
     return 1;
   }
+  started = true;
+  if (g_shutdown_requested) services.server.stop();
   while (services.server.isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   signals.stop();
   finish(services);
