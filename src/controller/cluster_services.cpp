@@ -14,6 +14,7 @@ using platform::printError;
 using platform::printLine;
 
 constexpr std::int32_t kDefaultPeerPort = 8080;
+constexpr std::size_t kDispatchers = 4;
 
 std::string clusterKey(const Options& options) {
   if (!options.cluster_key.empty()) return options.cluster_key;
@@ -54,8 +55,11 @@ std::unique_ptr<cluster::GossipProtocol> makeGossip(const Options& options,
 
 ClusterServices::ClusterServices(const Options& options, const ControllerIdentity& self)
     : membership_transport(membership_http, clusterKey(options)),
+      work_transport(work_http, clusterKey(options)),
+      balancer(nodes, cluster::LoadBalanceStrategy::kLeastLoad),
       manager(clusterConfig(options, self), nodes,
               cluster::ClusterEnvironment{membership_transport}),
+      worker_pool(nodes, balancer, work_transport),
       gossip(makeGossip(options, *this)),
       peers_(options.peers) {}
 
@@ -78,6 +82,7 @@ bool ClusterServices::start(const std::string& tier_name) {
   printLine("[Controller] This controller: " + manager.getSelfNode().id + " (" + tier_name + ")");
   if (gossip != nullptr) startGossip(peers);
   printLine("[Controller] Cluster initialized successfully");
+  worker_pool.start(kDispatchers);
   return true;
 }
 
@@ -99,9 +104,11 @@ void ClusterServices::startGossip(const std::vector<cluster::Endpoint>& peers) {
 
 void ClusterServices::stop() {
   std::call_once(stopped_, [this] {
+    cancelWork();
     if (gossip != nullptr) gossip->stop();
     membership_http.cancelAll();  // probes of nodes that hang
     manager.stop();
+    worker_pool.stop();
   });
 }
 

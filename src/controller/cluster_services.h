@@ -8,7 +8,9 @@
 #include "cluster/cluster_manager.h"
 #include "cluster/cluster_transport.h"
 #include "cluster/gossip_protocol.h"
+#include "cluster/load_balancer.h"
 #include "cluster/node_registry.h"
+#include "cluster/worker_pool.h"
 #include "net/http_client.h"
 #include "platform/clock.h"
 
@@ -35,14 +37,21 @@ struct ClusterServices {
   /// Makes the calls of start fail at once, for a program that is to end while it still starts.
   void hurry() { membership_http.cancelAll(); }
 
+  /// Makes work that other nodes do for this one end at once, and later work fail.
+  void cancelWork() { work_http.cancelAll(); }
+
   /// A node has shown that it lives; an unknown one is ignored.
   void refreshNode(const std::string& id, platform::SteadyTime now);
 
   /// Not the program's client: cancelling other calls at shutdown must not swallow the good-bye.
   net::HttpClient membership_http;
   cluster::HttpClusterTransport membership_transport;
+  net::HttpClient work_http;
+  cluster::HttpClusterTransport work_transport;
   cluster::NodeRegistry nodes;
+  cluster::LoadBalancer balancer;
   cluster::ClusterManager manager;
+  cluster::WorkerPool worker_pool;
   std::unique_ptr<cluster::GossipProtocol> gossip;  ///< only of a controller that was given peers
 
  private:

@@ -53,6 +53,7 @@ Services::Services(const Options& options)
       worker_client(http),
       worker_connections({}),
       backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
+      task_executor(http, programs.get_token()),
       cluster(options.cluster_enabled ? std::make_unique<ClusterServices>(options, self) : nullptr),
       ai_control(http),
       themes(http),

@@ -57,11 +57,18 @@ api::ServerConfig serverConfig(const Options& options) {
   return config;
 }
 
+/// Ends what requests wait for: other nodes and programs.
+void cancelWork(Services& services) {
+  services.http.cancelAll();
+  services.programs.request_stop();
+  if (services.cluster != nullptr) services.cluster->cancelWork();
+}
+
 void configureServer(Services& services, const Options& options) {
   services.server.configure(serverConfig(options));
   g_server = &services.server;
   // Calls to other nodes can outlast the time that a stop leaves running requests.
-  services.server.onGraceOver([&services] { services.http.cancelAll(); });
+  services.server.onGraceOver([&services] { cancelWork(services); });
 }
 
 /// The key as the console may show it.
@@ -188,7 +195,7 @@ bool startServer(Services& services, const Options& options) {
 }
 
 void finish(Services& services) {
-  services.http.cancelAll();
+  cancelWork(services);
   if (services.cluster != nullptr) services.cluster->stop();
   services.loops.stop();
   services.pull_jobs.stop();

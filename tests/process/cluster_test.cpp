@@ -135,6 +135,21 @@ TEST(ClusterProcess, ASignalEndsAStartThatWaitsForItsSeeds) {
   EXPECT_FALSE(process.waitForLine("Press Ctrl+C", 0s));
 }
 
+TEST(ClusterProcess, AStopDoesNotWaitForCommandsAndTasks) {
+  Controller controller({"--worker", "--node-id", "w"});
+  const std::string command = R"({"type":"bash","params":{"command":"exec sleep 60"}})";
+  const RawClient client(controller.port());
+  client.send(
+      "POST /worker/execute HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: " +
+      std::to_string(command.size()) + "\r\n\r\n" + command);
+  // No node of this cluster can do it: it stays in the queue.
+  EXPECT_THAT(controller.request("POST", "/api/v1/cluster/workers/submit",
+                                 R"({"type":"t","capabilities":["none"]})"),
+              HasSubstr("task_id"));
+  controller.process().signal(SIGTERM);
+  EXPECT_EQ(controller.process().waitForExit(5s), 0);
+}
+
 TEST(ClusterProcess, GuestsDoNotStandInTheWayOfTheCluster) {
   Controller controller({"--guest-rpm", "1"});
   controller.get("/api/v1/cluster/self");

@@ -15,9 +15,12 @@ class RouteBook;
 namespace tavrel::cluster {
 class ClusterManager;
 class GossipProtocol;
+class LoadBalancer;
 class NodeRegistry;
 class RouterRegistry;
 class RoutingRules;
+class TaskExecutor;
+class WorkerPool;
 }  // namespace tavrel::cluster
 namespace tavrel::config {
 class BackendProfileManager;
@@ -80,6 +83,9 @@ void addClusterOverviewRoutes(api::RouteBook& book, const cluster::ClusterManage
                               const worker::WorkerRegistry& workers,
                               const cluster::RouterRegistry& routers,
                               const worker::TypedWorkerRegistries& typed);
+/// Tasks for worker nodes, and those that others send to this one. Null: not part of this process.
+void addWorkerPoolRoutes(api::RouteBook& book, const cluster::LoadBalancer* balancer,
+                         cluster::WorkerPool* pool, const cluster::TaskExecutor& executor);
 void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,

@@ -18,6 +18,8 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
   addClusterRoutes(book, manager, nodes, c == nullptr ? nullptr : c->gossip.get());
   addClusterOverviewRoutes(book, manager, s.workers, s.routers, s.typed);
+  addWorkerPoolRoutes(book, c == nullptr ? nullptr : &c->balancer,
+                      c == nullptr ? nullptr : &c->worker_pool, s.task_executor);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
   addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
