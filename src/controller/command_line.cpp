@@ -75,6 +75,13 @@ Limits, timeouts and access:
   --guest-rpm <n>            Requests per minute of all guests together (default: 60)
   --key-rpm <n>              Requests per minute of each key or token (default: 1000)
 
+Cluster:
+  --cluster-key <key>        Sent as X-API-Key on calls to other nodes
+                             (or set TAVREL_CLUSTER_KEY env var)
+  --advertise <addr>         Address under which other nodes reach this one
+                             (default: the bind address if it is a specific one,
+                             else the first local address)
+
   --help-all                 Show this help and the options above it
 )";
 
@@ -132,6 +139,8 @@ const std::map<std::string, Target>& optionTable() {
       {"--protect-inference", Flag([](Options& o) { o.protect_inference = true; })},
       {"--guest-rpm", &Options::guest_requests_per_minute},
       {"--key-rpm", &Options::key_requests_per_minute},
+      {"--cluster-key", &Options::cluster_key},
+      {"--advertise", &Options::advertise_address},
   };
   return table;
 }

@@ -59,6 +59,8 @@ struct Options {
   bool protect_inference = false;
   int guest_requests_per_minute = 60;
   int key_requests_per_minute = 1000;
+  std::string cluster_key;        ///< empty: the environment's TAVREL_CLUSTER_KEY is asked
+  std::string advertise_address;  ///< empty: a specific bind address, else the first local one
 };
 
 /// What to do after reading the command line: run with `options`, or print `text` and exit.

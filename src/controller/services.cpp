@@ -53,6 +53,8 @@ Services::Services(const Options& options)
       worker_connections({}),
       accounts{nullptr, options.auth_mode},
       backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
+      task_executor(http, programs.get_token()),
+      cluster(options.cluster_enabled ? std::make_unique<ClusterServices>(options, self) : nullptr),
       ai_control(http),
       themes(http),
       model_registry(worker_client, typed.of(worker::WorkerKind::kData)),

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <memory>
+#include <stop_token>
 
 #include "ai/ai_control.h"
 #include "ai/moe_router.h"
@@ -9,9 +10,11 @@
 #include "api/http_server.h"
 #include "cluster/router_registry.h"
 #include "cluster/routing_rule.h"
+#include "cluster/task_executor.h"
 #include "config/backend_profile_manager.h"
 #include "config/node_config.h"
 #include "controller/background_loops.h"
+#include "controller/cluster_services.h"
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
 #include "controller/routes/account_access.h"
@@ -63,6 +66,10 @@ struct Services {
   cluster::RoutingRules routing_rules;
   config::NodeConfigs node_configs;
   config::BackendProfileManager backend_profiles;
+
+  std::stop_source programs;  ///< a stop kills the programs that run for requests
+  cluster::TaskExecutor task_executor;
+  std::unique_ptr<ClusterServices> cluster;  ///< null: cluster mode is off
 
   ai::AiControl ai_control;
   ai::MoeRouter experts;

@@ -3,6 +3,7 @@
 #include <malloc.h>
 #include <sys/resource.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <exception>
 #include <thread>
@@ -57,14 +58,19 @@ api::ServerConfig serverConfig(const Options& options) {
   return config;
 }
 
+/// Ends what requests wait for: other nodes and programs.
+void cancelWork(Services& services) {
+  services.http.cancelAll();
+  services.smtp.cancelAll();
+  services.programs.request_stop();
+  if (services.cluster != nullptr) services.cluster->cancelWork();
+}
+
 void configureServer(Services& services, const Options& options) {
   services.server.configure(serverConfig(options));
   g_server = &services.server;
   // Calls to other nodes can outlast the time that a stop leaves running requests.
-  services.server.onGraceOver([&services] {
-    services.http.cancelAll();
-    services.smtp.cancelAll();
-  });
+  services.server.onGraceOver([&services] { cancelWork(services); });
 }
 
 /// The key as the console may show it.
@@ -144,6 +150,13 @@ void startObservability(Services& services, const Options& options) {
   services.history.initialize(kMetricsRetentionMinutes, kMetricsIntervalSeconds);
 }
 
+/// Joins the cluster, which waits for seeds and peers. False: the start ends here.
+bool startCluster(Services& services, const Options& options) {
+  if (services.cluster == nullptr) return true;
+  printLine("[Controller] Initializing cluster support...");
+  return services.cluster->start(tierName(options.tier));
+}
+
 void registerRoutes(Services& services) {
   api::RouteBook book;
   addAllRoutes(book, services);
@@ -152,12 +165,18 @@ void registerRoutes(Services& services) {
   services.server.use(requestMetrics(services.collector));
 }
 
-/// What SIGINT and SIGTERM do, on the thread that waits for them.
-void beginShutdown(Services& services, int signal) {
+/// What SIGINT and SIGTERM do, on the thread that waits for them. Until the server has `started`
+/// the main thread owns everything: it only gets to know.
+void beginShutdown(Services& services, int signal, const std::atomic<bool>& started) {
   printLine("");
   printLine("[Controller] Received signal " + std::to_string(signal) + ", shutting down...");
   g_shutdown_requested = true;
+  if (!started) {
+    if (services.cluster != nullptr) services.cluster->hurry();
+    return;
+  }
   services.server.stop();
+  if (services.cluster != nullptr) services.cluster->stop();
 }
 
 bool startServer(Services& services, const Options& options) {
@@ -178,7 +197,8 @@ bool startServer(Services& services, const Options& options) {
 }
 
 void finish(Services& services) {
-  services.http.cancelAll();
+  cancelWork(services);
+  if (services.cluster != nullptr) services.cluster->stop();
   services.loops.stop();
   services.pull_jobs.stop();
   services.events.stop();
@@ -206,13 +226,20 @@ int runController(const std::vector<std::string>& arguments) {
   if (!startAuthentication(services, options)) return 1;
   startAccounts(services, options);
   startObservability(services, options);
-  registerRoutes(services);
-  signals.start([&services](int signal) { beginShutdown(services, signal); });
-  if (!startServer(services, options)) {
+  std::atomic<bool> started = false;
+  signals.start([&](int signal) { beginShutdown(services, signal, started); });
+  bool good = startCluster(services, options);
+  if (good && !g_shutdown_requested) {
+    registerRoutes(services);
+    good = startServer(services, options);
+  }
+  if (!good) {
     signals.stop();
     finish(services);
     return 1;
   }
+  started = true;
+  if (g_shutdown_requested) services.server.stop();
   while (services.server.isRunning()) std::this_thread::sleep_for(std::chrono::milliseconds(100));
   signals.stop();
   finish(services);

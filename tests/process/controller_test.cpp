@@ -22,7 +22,7 @@ std::vector<std::string> tagged(const std::vector<std::string>& lines) {
   std::vector<std::string> found;
   for (const std::string& line : lines) {
     if (line.starts_with("[Controller]") || line.starts_with("[EventStream]") ||
-        line.starts_with("[MetricsHistory]")) {
+        line.starts_with("[MetricsHistory]") || line.starts_with("[Cluster] St")) {
       found.push_back(line);
     }
   }
@@ -30,7 +30,7 @@ std::vector<std::string> tagged(const std::vector<std::string>& lines) {
 }
 
 TEST(ControllerProcess, StartsAndStopsInOrder) {
-  Controller controller;
+  Controller controller({"--node-id", "n"});
   EXPECT_THAT(controller.get("/health"),
               HasSubstr("{\"component\":\"controller\",\"status\":\"ok\"}"));
   controller.process().signal(SIGTERM);
@@ -46,11 +46,15 @@ TEST(ControllerProcess, StartsAndStopsInOrder) {
           "[EventStream] Service started", "[Controller] Initializing metrics history service...",
           "[MetricsHistory] Initialized with retention=60 minutes, sample_interval=10 seconds "
           "(max 360 data points per worker)",
+          "[Controller] Initializing cluster support...", "[Cluster] Starting cluster manager...",
+          "[Controller] This controller: n (primary)",
+          "[Controller] Cluster initialized successfully",
           "[Controller] Starting server on 127.0.0.1:0", "[Controller] Press Ctrl+C to stop",
           "[Controller] Server starting on 127.0.0.1:0",
           "[Controller] Listening on 127.0.0.1:" + port,
           "[Controller] Received signal 15, shutting down...", "[Controller] Server stopped",
-          "[EventStream] Service stopped", "[Controller] Server stopped"));
+          "[Cluster] Stopping cluster manager...", "[EventStream] Service stopped",
+          "[Controller] Server stopped"));
   EXPECT_TRUE(controller.process().errorLines().empty());
 }
 

@@ -6,7 +6,7 @@
 #include "cluster/cluster_manager.h"
 #include "cluster/gossip_protocol.h"
 #include "cluster/node_registry.h"
-#include "controller/routes/cluster_families.h"
+#include "controller/routes/families.h"
 #include "net/http_client.h"
 #include "support/json_client.h"
 #include "support/test_server.h"

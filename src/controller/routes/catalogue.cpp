@@ -447,6 +447,8 @@ constexpr CatalogueRow kCatalogue[] = {
     {"POST", "/v1/chat/completions", kPlain, kOpen},
     {"POST", "/v1/completions", kPlain, kOpen},
     {"POST", "/v1/embeddings", kPlain, kOpen},
+    // Additions: what became of a task.
+    {"GET", "/api/v1/cluster/workers/tasks/:task_id", kPlain, kGuarded},
 };
 // clang-format on
 

@@ -7,7 +7,7 @@
 #include "cluster/gossip_protocol.h"
 #include "cluster/node_reader.h"
 #include "cluster/node_registry.h"
-#include "controller/routes/cluster_families.h"
+#include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/clock.h"
 #include "platform/json_fields.h"

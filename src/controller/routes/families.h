@@ -13,8 +13,14 @@ class AuthMiddleware;
 class RouteBook;
 }  // namespace tavrel::api
 namespace tavrel::cluster {
+class ClusterManager;
+class GossipProtocol;
+class LoadBalancer;
+class NodeRegistry;
 class RouterRegistry;
 class RoutingRules;
+class TaskExecutor;
+class WorkerPool;
 }  // namespace tavrel::cluster
 namespace tavrel::config {
 class BackendProfileManager;
@@ -86,6 +92,17 @@ void addWorkerRoutes(api::RouteBook& book, worker::WorkerRegistry& workers,
                      metrics::MetricsHistory& history, const config::NodeConfigs& configs,
                      pipeline::PipelineCoordinator& pipelines,
                      std::function<void(const std::string& node_id)> refresh_node);
+/// Membership and gossip. Null: not part of this process; the routes then say so.
+void addClusterRoutes(api::RouteBook& book, cluster::ClusterManager* manager,
+                      cluster::NodeRegistry* registry, cluster::GossipProtocol* gossip);
+/// What the whole cluster consists of; `manager` may be null.
+void addClusterOverviewRoutes(api::RouteBook& book, const cluster::ClusterManager* manager,
+                              const worker::WorkerRegistry& workers,
+                              const cluster::RouterRegistry& routers,
+                              const worker::TypedWorkerRegistries& typed);
+/// Tasks for worker nodes, and those that others send to this one. Null: not part of this process.
+void addWorkerPoolRoutes(api::RouteBook& book, const cluster::LoadBalancer* balancer,
+                         cluster::WorkerPool* pool, const cluster::TaskExecutor& executor);
 void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,

@@ -4,6 +4,9 @@
 namespace tavrel::controller {
 
 void addAllRoutes(api::RouteBook& book, Services& s) {
+  ClusterServices* const c = s.cluster.get();
+  cluster::ClusterManager* const manager = c == nullptr ? nullptr : &c->manager;
+  cluster::NodeRegistry* const nodes = c == nullptr ? nullptr : &c->nodes;
   addAuthRoutes(book, s.auth, s.accounts);
   addAccountRoutes(book, s.accounts, s.smtp);
   addSmtpRoutes(book, s.accounts, s.smtp);
@@ -16,8 +19,14 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);
   addWorkerRoutes(book, s.workers, s.routers, s.events, s.history, s.node_configs, s.pipelines,
-                  nullptr);
+                  [c](const std::string& id) {
+                    if (c != nullptr) c->refreshNode(id, platform::steadyNow());
+                  });
   addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
+  addClusterRoutes(book, manager, nodes, c == nullptr ? nullptr : c->gossip.get());
+  addClusterOverviewRoutes(book, manager, s.workers, s.routers, s.typed);
+  addWorkerPoolRoutes(book, c == nullptr ? nullptr : &c->balancer,
+                      c == nullptr ? nullptr : &c->worker_pool, s.task_executor);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
   addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
