@@ -1,6 +1,7 @@
 #include "ai/theme_detector.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <nlohmann/json.hpp>
@@ -52,8 +53,11 @@ std::optional<std::string> lineAfter(const std::string& text, std::string_view l
 
 float readConfidence(const std::string& text) {
   char* end = nullptr;
+  errno = 0;
   const float value = std::strtof(text.c_str(), &end);
-  if (end == text.c_str() || !std::isfinite(value)) return kUnreadableConfidence;
+  // Too small to be told from zero is out of range as well.
+  const bool out_of_range = errno == ERANGE || !std::isfinite(value);
+  if (end == text.c_str() || out_of_range) return kUnreadableConfidence;
   return std::clamp(value, 0.0F, 1.0F);
 }
 

@@ -21,6 +21,11 @@ bool isHeaderValue(std::string_view value) {
                       [](unsigned char c) { return (c < 0x20 && c != '\t') || c == 0x7F; });
 }
 
+/// Whether clients take the next bytes after the head for the next answer, whatever the head says.
+bool endsWithItsHead(int status) {
+  return status < 200 || status == 204 || status == 304;
+}
+
 void appendNumber(std::string& to, std::uint64_t number, int base) {
   std::array<char, 20> digits;
   const auto [end, error] =
@@ -111,12 +116,10 @@ void AnswerWriter::head(int status, std::string_view content_type, std::string_v
 }
 
 void AnswerWriter::whole(int status, std::string_view content_type, std::string_view body) {
-  std::string framing;
-  if (status != 204 && status != 304) {
-    framing = "Content-Length: ";
-    appendNumber(framing, body.size(), 10);
-    framing += "\r\n";
-  }
+  if (endsWithItsHead(status)) return head(status, "", "");
+  std::string framing = "Content-Length: ";
+  appendNumber(framing, body.size(), 10);
+  framing += "\r\n";
   head(status, content_type, framing);
   if (sendsBody()) connection_.write(body);
 }

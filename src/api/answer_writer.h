@@ -34,6 +34,7 @@ class AnswerWriter final : public StreamWriter {
   void lines(std::string_view text) { lines_ += text; }
 
   /// Sends the answer, as far as the connection takes it now; the rest goes with its next flush.
+  /// With a status that has no body (1xx, 204, 304) type and body are left out.
   void whole(int status, std::string_view content_type, std::string_view body);
 
   /// Sends the head of a streamed answer; `write` then sends pieces and `end` tells that it is

@@ -5,6 +5,7 @@
 #include <limits>
 #include <string>
 
+#include "identity/account_upkeep.h"
 #include "platform/console.h"
 
 namespace tavrel::controller {
@@ -13,6 +14,8 @@ namespace {
 constexpr std::chrono::seconds kReaperPeriod{10};
 constexpr std::chrono::seconds kFirstSample{5};
 constexpr std::chrono::seconds kSamplePeriod{10};
+/// How late after midnight the daily quotas may start anew.
+constexpr std::chrono::seconds kAccountPeriod{60};
 
 /// Adds up what the workers last reported.
 class ClusterSum {
@@ -102,14 +105,22 @@ BackgroundLoops::BackgroundLoops(worker::WorkerRegistry& workers,
                       sampleCluster(workers, routers, typed, platform::wallNow()));
                 }) {}
 
+void BackgroundLoops::tendAccounts(identity::UserStore& store) {
+  account_upkeep_.emplace(
+      "account-upkeep", std::chrono::seconds(0), kAccountPeriod,
+      [&store](const std::stop_token&) { identity::tidyAccounts(store, platform::wallNow()); });
+}
+
 void BackgroundLoops::start() {
   reaper_.start();
   recorder_.start();
+  if (account_upkeep_) account_upkeep_->start();
 }
 
 void BackgroundLoops::stop() {
   reaper_.stop();
   recorder_.stop();
+  if (account_upkeep_) account_upkeep_->stop();
 }
 
 }  // namespace tavrel::controller

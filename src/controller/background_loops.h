@@ -1,6 +1,9 @@
 #pragma once
 
+#include <optional>
+
 #include "cluster/router_registry.h"
+#include "identity/user_store.h"
 #include "metrics/metrics_history.h"
 #include "platform/periodic_task.h"
 #include "worker/typed_worker_registry.h"
@@ -19,12 +22,16 @@ metrics::ClusterMetricsDataPoint sampleCluster(const worker::WorkerRegistry& wor
                                                const worker::TypedWorkerRegistries& typed,
                                                platform::WallTime now);
 
-/// The loops that start-up runs: the reaper and the cluster-metrics recorder. Owned by start-up;
+/// The loops that start-up runs: the reaper, the cluster-metrics recorder and, where there are user
+/// accounts, their upkeep. Owned by start-up;
 /// the destructor stops them.
 class BackgroundLoops {
  public:
   BackgroundLoops(worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
                   worker::TypedWorkerRegistries& typed, metrics::MetricsHistory& history);
+
+  /// To be called before start. The store must outlive the loops.
+  void tendAccounts(identity::UserStore& store);
 
   void start();
   void stop();
@@ -32,6 +39,7 @@ class BackgroundLoops {
  private:
   platform::PeriodicTask reaper_;
   platform::PeriodicTask recorder_;
+  std::optional<platform::PeriodicTask> account_upkeep_;
 };
 
 }  // namespace tavrel::controller

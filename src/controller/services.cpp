@@ -46,12 +46,12 @@ inference::OpenAiSettings openAiSettings(const Options& options) {
 Services::Services(const Options& options)
     : self{options.node_id.empty() ? platform::generateUUID() : options.node_id,
            platform::getHostname()},
-      auth_mode(options.auth_mode),
       events(events::EventStreamService::instance()),
       collector(metrics::MetricsCollector::getInstance()),
       history(metrics::MetricsHistory::instance()),
       worker_client(http),
       worker_connections({}),
+      accounts{nullptr, options.auth_mode},
       backend_profiles(platform::userConfigDirectory("/tmp") + "/backend_profiles.json"),
       ai_control(http),
       themes(http),

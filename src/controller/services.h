@@ -1,5 +1,7 @@
 #pragma once
 
+#include <memory>
+
 #include "ai/ai_control.h"
 #include "ai/moe_router.h"
 #include "ai/theme_detector.h"
@@ -12,7 +14,9 @@
 #include "controller/background_loops.h"
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
+#include "controller/routes/account_access.h"
 #include "events/event_stream_service.h"
+#include "identity/user_store.h"
 #include "inference/chat_proxy.h"
 #include "inference/local_model_server.h"
 #include "inference/model_catalogue.h"
@@ -24,6 +28,7 @@
 #include "models/pull_jobs.h"
 #include "models/training_jobs.h"
 #include "net/http_client.h"
+#include "net/smtp_client.h"
 #include "net/worker_client.h"
 #include "net/worker_connection_pool.h"
 #include "pipeline/pipeline_coordinator.h"
@@ -38,7 +43,6 @@ struct Services {
   explicit Services(const Options& options);
 
   ControllerIdentity self;
-  const std::string auth_mode;
   api::AuthMiddleware auth;
   events::EventStreamService& events;
   metrics::MetricsCollector& collector;
@@ -47,6 +51,11 @@ struct Services {
   net::HttpClient http;
   net::WorkerClient worker_client;
   net::WorkerConnectionPool worker_connections;
+  net::SmtpClient smtp;
+
+  /// Made by start-up in mode "full", where the controller has user accounts; else null.
+  std::unique_ptr<identity::UserStore> user_store;
+  AccountAccess accounts;
 
   worker::WorkerRegistry workers;
   worker::TypedWorkerRegistries typed;

@@ -7,6 +7,7 @@
 #include <exception>
 #include <thread>
 
+#include "controller/account_start_up.h"
 #include "controller/banner.h"
 #include "controller/command_line.h"
 #include "controller/process_state.h"
@@ -60,7 +61,10 @@ void configureServer(Services& services, const Options& options) {
   services.server.configure(serverConfig(options));
   g_server = &services.server;
   // Calls to other nodes can outlast the time that a stop leaves running requests.
-  services.server.onGraceOver([&services] { services.http.cancelAll(); });
+  services.server.onGraceOver([&services] {
+    services.http.cancelAll();
+    services.smtp.cancelAll();
+  });
 }
 
 /// The key as the console may show it.
@@ -200,6 +204,7 @@ int runController(const std::vector<std::string>& arguments) {
   Services services(options);
   configureServer(services, options);
   if (!startAuthentication(services, options)) return 1;
+  startAccounts(services, options);
   startObservability(services, options);
   registerRoutes(services);
   signals.start([&services](int signal) { beginShutdown(services, signal); });

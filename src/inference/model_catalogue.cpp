@@ -31,6 +31,12 @@ std::map<std::string, std::vector<std::string>> workersByModel(
   return by_model;
 }
 
+/// The text under `key` of an object; empty when there is none.
+std::string textIn(const nlohmann::json& object, const char* key) {
+  const nlohmann::json* value = platform::jsonMember(object, key);
+  return value != nullptr && value->is_string() ? value->get<std::string>() : "";
+}
+
 }  // namespace
 
 ModelCatalogue::ModelCatalogue(const worker::WorkerRegistry& workers, LocalModelServer& local,
@@ -118,11 +124,12 @@ std::vector<ModelCatalogue::Foreign> ModelCatalogue::readRemoteList(const std::s
   if (list == nullptr || !list->is_array()) return models;
   for (const nlohmann::json& entry : *list) {
     if (!entry.is_object()) continue;
-    const nlohmann::json* name = platform::jsonMember(entry, "id");
-    if (name == nullptr) name = platform::jsonMember(entry, "name");
-    if (name == nullptr || !name->is_string()) continue;
+    // Workers know a model by its name; a registry's id for it is something else.
+    std::string name = textIn(entry, "name");
+    if (name.empty()) name = textIn(entry, "id");
+    if (name.empty()) continue;
     Foreign& model = models.emplace_back();
-    model.name = name->get<std::string>();
+    model.name = std::move(name);
     const nlohmann::json* size = platform::jsonMember(entry, "size");
     if (size != nullptr && size->is_number_unsigned())
       model.size_bytes = size->get<std::uint64_t>();

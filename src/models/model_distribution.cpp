@@ -5,6 +5,7 @@
 #include "platform/console.h"
 #include "platform/json_fields.h"
 #include "platform/text.h"
+#include "worker/worker_url.h"
 
 namespace tavrel::models {
 namespace {
@@ -15,7 +16,6 @@ using platform::printLine;
 
 constexpr const char* kDefaultFormat = "gguf";
 constexpr const char* kDefaultBackend = "ollama";
-constexpr const char* kNotFound = "worker not found";
 /// How much of a worker's refusal is shown, in characters.
 constexpr std::size_t kMaxShownReply = 2000;
 
@@ -48,12 +48,10 @@ std::string textOr(const json& object, const char* key, const std::string& fallb
              : fallback;
 }
 
-/// Adds what the place of origin knows of the model: where it lies on a shared file system, and
-/// its format unless the request named one.
-void addKnown(json& install, const json& known, const DistributionRequest& request) {
+/// Adds where the place of origin knows the model to lie on a shared file system.
+void addSharedPath(json& install, const json& known) {
   const std::string nfs_path = textOr(known, "nfs_path", "");
   if (!nfs_path.empty()) install["nfs_path"] = nfs_path;
-  if (request.format.empty()) install["format"] = textOr(known, "format", kDefaultFormat);
 }
 
 json entryFor(const TargetWorker& target, const std::string& failure) {
@@ -91,10 +89,10 @@ Outcome ModelDistribution::fromLibrary(const DistributionRequest& request, const
   json results = json::array();
   for (const TargetWorker& target : targets) {
     const std::string failure =
-        target.base_url.empty() ? kNotFound
-                                : net::reportedFailure(client_.post(
-                                      net::CallKind::kPull, target.base_url + "/api/v1/models/pull",
-                                      json{{"model", request.model}}));
+        !target.error.empty() ? target.error
+                              : net::reportedFailure(client_.post(
+                                    net::CallKind::kPull, target.base_url + "/api/v1/models/pull",
+                                    json{{"model", request.model}}));
     results.push_back(entryFor(target, failure));
   }
   return distributing(request, std::move(results));
@@ -108,7 +106,8 @@ Outcome ModelDistribution::fromRegistry(const DistributionRequest& request,
   if (!entry)
     return Outcome::refused(400, "Model not found in registry or no data worker available");
   json install = installBody(request, downloadUrl(data_worker, request.model));
-  addKnown(install, *entry, request);
+  addSharedPath(install, *entry);
+  if (request.format.empty()) install["format"] = textOr(*entry, "format", kDefaultFormat);
   return distributing(request, installEverywhere(install, targets));
 }
 
@@ -131,7 +130,10 @@ Outcome ModelDistribution::fromWorker(const DistributionRequest& request, const 
   if (source == nullptr) {
     return Outcome::refused(400, "Source worker '" + request.source_id + "' not found");
   }
-  const std::string base_url = targetFrom(*source).base_url;
+  const std::string base_url = worker::baseUrlOf(*source);
+  if (base_url.empty()) {
+    return Outcome::refused(400, "Source worker '" + request.source_id + "' has no valid address");
+  }
   const net::HttpResult shown =
       client_.post(net::CallKind::kDescribeModel, base_url + "/api/v1/models/show",
                    json{{"model", request.model}});
@@ -141,7 +143,8 @@ Outcome ModelDistribution::fromWorker(const DistributionRequest& request, const 
   }
   const json known = net::parsedJson(shown.body);
   json install = installBody(request, downloadUrl(base_url, request.model));
-  addKnown(install, known, request);
+  addSharedPath(install, known);
+  install["format"] = textOr(known, "format", kDefaultFormat);  // it is that worker's file
   install["backend_hint"] = textOr(known, "backend", kDefaultBackend);
 
   json results = json::array();
@@ -177,7 +180,7 @@ json ModelDistribution::installEverywhere(const json& body, const Targets& targe
 
 ModelDistribution::Installed ModelDistribution::install(const TargetWorker& target,
                                                         const json& body) {
-  if (target.base_url.empty()) return {kNotFound, {}};
+  if (!target.error.empty()) return {target.error, {}};
   net::HttpResult answer =
       client_.post(net::CallKind::kInstall, target.base_url + "/api/v1/models/install", body);
   std::string failure = net::failureOf(answer);

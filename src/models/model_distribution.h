@@ -19,7 +19,7 @@ struct DistributionRequest {
   std::string source_id;          ///< the worker to copy from, for "worker"
   std::string source_url;         ///< for "url"
   std::string backend = "ollama";
-  std::string format;  ///< empty: as the source says, else "gguf"
+  std::string format;  ///< empty: as the source says, else "gguf"; not for "worker"
   std::vector<std::string> workers;
   bool all = false;
 

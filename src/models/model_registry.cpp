@@ -28,10 +28,14 @@ std::string ModelRegistry::storageWorkerUrl(platform::WallTime now) const {
 }
 
 std::string ModelRegistry::servingWorkerUrl(platform::WallTime now) const {
-  std::string url = storageWorkerUrl(now);
-  if (!url.empty()) return url;
-  const worker::TypedWorkerPtr online = data_workers_.firstOnline(now);
-  return online == nullptr ? "" : online->baseUrl();
+  std::string first;
+  for (const worker::TypedWorkerPtr& worker : data_workers_.snapshot()) {
+    if (worker->status != "online" || now - worker->last_heartbeat >= worker::kTrustedFor) continue;
+    std::string url = worker->baseUrl();
+    if (!url.empty() && worker->flag("storage_enabled")) return url;
+    if (first.empty()) first = std::move(url);
+  }
+  return first;
 }
 
 net::HttpResult ModelRegistry::list(const std::string& base_url) {

@@ -23,8 +23,8 @@ class ModelRegistry {
   /// Where the first data worker with storage, in id order, that was heard of lately is reached;
   /// empty when there is none.
   std::string storageWorkerUrl(platform::WallTime now) const;
-  /// The same for handing out models: one with storage if there is one, else the first that is
-  /// online.
+  /// The same for handing out models, among those that are also online: one with storage if there
+  /// is one, else the first.
   std::string servingWorkerUrl(platform::WallTime now) const;
 
   // Each asks the data worker at `base_url`.

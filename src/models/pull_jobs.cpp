@@ -54,8 +54,8 @@ PullJob PullJobs::start(const std::string& model, const std::vector<TargetWorker
   platform::printLine("[Models] Pull job " + job.job_id + " started: " + model + " -> " +
                       std::to_string(targets.size()) + " workers");
   for (std::size_t index = 0; index < targets.size(); ++index) {
-    threads_.run([this, id = job.job_id, index, url = targets[index].base_url, model] {
-      pullModelToWorkerAsync(id, index, url, model);
+    threads_.run([this, id = job.job_id, index, target = targets[index], model] {
+      pullModelToWorkerAsync(id, index, target, model);
     });
   }
   return job;
@@ -76,11 +76,14 @@ std::vector<PullJob> PullJobs::all() const {
 }
 
 void PullJobs::pullModelToWorkerAsync(const std::string& job_id, std::size_t index,
-                                      const std::string& base_url, const std::string& model) {
+                                      const TargetWorker& target, const std::string& model) {
   begin(job_id, index);
-  const net::HttpResult answer = client_.post(
-      net::CallKind::kPullInBackground, base_url + "/api/v1/models/pull", json{{"model", model}});
-  const PullJob job = finish(job_id, index, net::reportedFailure(answer));
+  const std::string failure =
+      !target.error.empty() ? target.error
+                            : net::reportedFailure(client_.post(
+                                  net::CallKind::kPullInBackground,
+                                  target.base_url + "/api/v1/models/pull", json{{"model", model}}));
+  const PullJob job = finish(job_id, index, failure);
   report(job, job.results.front());
 }
 

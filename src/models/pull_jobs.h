@@ -46,7 +46,7 @@ struct PullJob {
 /// Stopping: the owner cancels the HTTP client first, then stop returns within about a second.
 class PullJobs {
  public:
-  static constexpr std::size_t kMaxPullsAtOnce = 64;
+  static constexpr std::size_t kMaxPullsAtOnce = 256;
 
   /// The references must outlive this.
   PullJobs(net::WorkerClient& client, events::EventStreamService& events);
@@ -65,7 +65,7 @@ class PullJobs {
 
  private:
   void pullModelToWorkerAsync(const std::string& job_id, std::size_t index,
-                              const std::string& base_url, const std::string& model);
+                              const TargetWorker& target, const std::string& model);
   void begin(const std::string& job_id, std::size_t index) TV_EXCLUDES(mu_);
   /// Stores the outcome (no error: success). The job as it is then, with this one result only.
   PullJob finish(const std::string& job_id, std::size_t index, const std::string& error)

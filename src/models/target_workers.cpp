@@ -1,6 +1,7 @@
 #include "models/target_workers.h"
 
 #include <set>
+#include <utility>
 
 #include "worker/worker_url.h"
 
@@ -22,7 +23,9 @@ bool runsModels(const WorkerInfo& worker) {
 }  // namespace
 
 TargetWorker targetFrom(const WorkerInfo& worker) {
-  return {worker.worker_id, worker.worker_name, worker::httpUrl(worker.ip_address, worker.port)};
+  std::string url = worker::baseUrlOf(worker);
+  std::string error = url.empty() ? worker::kNoValidAddress : "";
+  return {worker.worker_id, worker.worker_name, std::move(url), std::move(error)};
 }
 
 std::vector<TargetWorker> pullTargets(const worker::WorkerRegistry& workers, bool all,
@@ -55,7 +58,8 @@ std::vector<TargetWorker> distributionTargets(const worker::WorkerRegistry& work
   for (const std::string& id : ids) {
     if (!seen.insert(id).second) continue;
     const WorkerPtr worker = workers.find(id);
-    targets.push_back(worker == nullptr ? TargetWorker{id, "", ""} : targetFrom(*worker));
+    targets.push_back(worker == nullptr ? TargetWorker{id, "", "", "worker not found"}
+                                        : targetFrom(*worker));
   }
   return targets;
 }

@@ -12,9 +12,11 @@ namespace tavrel::models {
 struct TargetWorker {
   std::string worker_id;
   std::string worker_name;
-  std::string base_url;  ///< empty for an id that is not registered
+  std::string base_url;
+  std::string error;  ///< why it cannot be called; then there is no base_url
 };
 
+/// One without a valid address cannot be called.
 TargetWorker targetFrom(const worker::WorkerInfo& worker);
 
 /// For a pull: with `all` every online worker that runs models itself, in id order; else those of

@@ -42,7 +42,7 @@ json jobsIn(const std::string& text) {
 }
 
 Outcome requestFailed(const net::HttpResult& result) {
-  return Outcome::refused(502, "Training worker request failed: " + result.transport_error);
+  return Outcome::refused(502, "Training worker request failed: " + net::failureOf(result));
 }
 
 Outcome unknownJob(const std::string& job_id) {
@@ -53,7 +53,7 @@ Outcome unknownJob(const std::string& job_id) {
 
 Outcome TrainingJobs::submit(json body, platform::WallTime now) {
   std::string backend;
-  platform::readField(body, "backend", backend);
+  platform::readFieldUnlessNull(body, "backend", backend);
   const TypedWorkerPtr worker = choose(backend, now);
   if (worker == nullptr) {
     return Outcome::refused(503,
@@ -64,7 +64,7 @@ Outcome TrainingJobs::submit(json body, platform::WallTime now) {
   if (!data_worker.empty()) body["data_worker_url"] = data_worker;
   const net::HttpResult result =
       client_.post(net::CallKind::kSubmitTraining, jobsUrl(worker), body);
-  if (!result.transport_error.empty()) return requestFailed(result);
+  if (!net::canBePassedOn(result)) return requestFailed(result);
   json answer = objectFrom(result.body);
   answer[kWorkerKey] = worker->id;
   return {result.status, std::move(answer), {}};
@@ -106,7 +106,7 @@ Outcome TrainingJobs::cancel(const std::string& job_id) {
   if (found.worker == nullptr) return unknownJob(job_id);
   const net::HttpResult result = client_.post(
       net::CallKind::kTrainingJobs, jobUrl(found.worker, job_id) + "/cancel", json::object());
-  if (!result.transport_error.empty()) return requestFailed(result);
+  if (!net::canBePassedOn(result)) return requestFailed(result);
   return {result.status, objectFrom(result.body), {}};
 }
 
@@ -133,6 +133,7 @@ std::vector<TypedWorkerPtr> TrainingJobs::fresh(platform::WallTime now) const {
 }
 
 TrainingJobs::Found TrainingJobs::locate(const std::string& job_id) {
+  if (job_id.empty()) return {};  // its URL would be that of the whole list
   for (const TypedWorkerPtr& worker : training_workers_.snapshot()) {
     if (worker->baseUrl().empty()) continue;
     const net::HttpResult result =

@@ -26,7 +26,7 @@ class TrainingJobs {
       : client_(client), training_workers_(training_workers), registry_(registry) {}
 
   /// Hands the job to the least busy worker that has the backend asked for. Throws nlohmann's
-  /// exception when the body is not an object or "backend" is not a text.
+  /// exception when the body is not an object or "backend" is neither a text nor null.
   platform::Outcome submit(nlohmann::json body, platform::WallTime now);
   /// The jobs of every worker heard of lately; those that fail to answer are left out.
   platform::Outcome list(platform::WallTime now);

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -8,13 +7,9 @@
 #include <utility>
 #include <vector>
 
-namespace tavrel::net {
+#include "net/timeouts.h"
 
-/// No default: every call site names its deadlines.
-struct Timeouts {
-  std::chrono::milliseconds connect;
-  std::chrono::milliseconds total;
-};
+namespace tavrel::net {
 
 struct HttpCall {
   std::string method = "GET";

@@ -36,8 +36,9 @@ const CallLimits& limitsOf(CallKind kind) {
       limits(seconds(5), seconds(60), kMiB),         // kLoadShard
       limits(seconds(5), seconds(30), kMiB),         // kUnloadShard
       limits(seconds(5), seconds(30), 8 * kMiB),     // kPipelineMetadata
+      limits(seconds(3), seconds(15), 32 * kMiB),    // kTenants
   };
-  static_assert(std::size(kLimits) == static_cast<std::size_t>(CallKind::kPipelineMetadata) + 1);
+  static_assert(std::size(kLimits) == static_cast<std::size_t>(CallKind::kTenants) + 1);
   return kLimits[static_cast<std::size_t>(kind)];
 }
 
@@ -53,6 +54,10 @@ HttpResult WorkerClient::post(CallKind kind, const std::string& url, std::string
   return send(kind, "POST", url, std::move(json_text));
 }
 
+HttpResult WorkerClient::put(CallKind kind, const std::string& url, std::string json_text) {
+  return send(kind, "PUT", url, std::move(json_text));
+}
+
 HttpResult WorkerClient::del(CallKind kind, const std::string& url) {
   return send(kind, "DELETE", url, {});
 }
@@ -64,7 +69,8 @@ HttpResult WorkerClient::send(CallKind kind, const char* method, const std::stri
   call.method = method;
   call.url = url;
   call.max_answer_bytes = limits.max_answer_bytes;
-  if (call.method == "POST") call.headers = {{"Content-Type", "application/json"}};
+  if (call.method == "POST" || call.method == "PUT")
+    call.headers = {{"Content-Type", "application/json"}};
   call.body = std::move(body);
   return http_.send(call, limits.timeouts);
 }
@@ -79,6 +85,11 @@ nlohmann::json parsedJson(const std::string& text) {
 
 nlohmann::json rawResponse(const std::string& text) {
   return {{"raw_response", platform::replaceInvalidUtf8(text)}};
+}
+
+bool canBePassedOn(const HttpResult& result) {
+  return result.transport_error.empty() && result.status >= 200 && result.status <= 599 &&
+         result.status != 304;
 }
 
 std::string failureOf(const HttpResult& result) {

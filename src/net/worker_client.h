@@ -23,6 +23,7 @@ enum class CallKind : std::uint8_t {
   kLoadShard,         ///< take a shard of a pipeline
   kUnloadShard,       ///< let go of one
   kPipelineMetadata,  ///< the shape of a model
+  kTenants,           ///< look at, make, change or remove tenants
 };
 
 struct CallLimits {
@@ -48,6 +49,8 @@ class WorkerClient {
   /// POST with "Content-Type: application/json".
   HttpResult post(CallKind kind, const std::string& url, const nlohmann::json& body);
   HttpResult post(CallKind kind, const std::string& url, std::string json_text);
+  /// PUT with "Content-Type: application/json".
+  HttpResult put(CallKind kind, const std::string& url, std::string json_text);
   HttpResult del(CallKind kind, const std::string& url);
 
  private:
@@ -61,6 +64,10 @@ nlohmann::json parsedJson(const std::string& text);
 
 /// {"raw_response": text}, for a daemon's text that is not the JSON it should be.
 nlohmann::json rawResponse(const std::string& text);
+
+/// Whether what came back can be passed on as an answer of ours: a final status (200 to 599) and
+/// not 304, which answers a condition that was never set.
+bool canBePassedOn(const HttpResult& result);
 
 /// Why the call failed: the transport's text or "HTTP " and the status; empty for status 200.
 std::string failureOf(const HttpResult& result);

@@ -35,17 +35,14 @@ std::string nowText() {
   return platform::toUtcText(platform::wallNow());
 }
 
-std::string urlOf(const WorkerPtr& worker) {
-  return worker::httpUrl(worker->ip_address, worker->port);
-}
-
 std::uint64_t vramOf(const worker::WorkerInfo& worker, std::uint64_t worker::GPUInfo::*member) {
   std::uint64_t sum = 0;
   for (const worker::GPUInfo& gpu : worker.metrics.gpus) sum = saturatingAdd(sum, gpu.*member);
   return sum;
 }
 
-/// Where a worker's neighbours hand it activations, e.g. "tcp://10.0.0.7:50052".
+/// Where a worker's neighbours hand it activations, e.g. "tcp://10.0.0.7:50052". Worker and port
+/// have been checked.
 std::string tensorUrl(const worker::WorkerInfo& worker, const PipelineConfig& config) {
   const std::string http = worker::httpUrl(worker.ip_address, config.tensor_port);
   return config.transport + http.substr(http.find("://"));
@@ -101,6 +98,16 @@ std::optional<ShardStatus> reportedStatus(const json& report) {
     if (*status == shardStatusToString(known)) return known;
   }
   return std::nullopt;
+}
+
+/// Whether the report is of the shard as it is now: one sent before a rebalancing may be of other
+/// layers. A report without layers is of any.
+bool isAbout(const json& report, const ShardAssignment& shard) {
+  const auto is = [&report](const char* key, std::int32_t layer) {
+    const json* told = platform::jsonMember(report, key);
+    return told == nullptr || told->is_null() || *told == layer;
+  };
+  return is("layer_start", shard.layer_start) && is("layer_end", shard.layer_end);
 }
 
 }  // namespace
@@ -181,7 +188,8 @@ Outcome PipelineCoordinator::rebalance(const std::string& pipeline_id) {
   Workers online;
   for (const std::string& id : entry.workers) {
     const WorkerPtr worker = workers_.find(id);
-    if (worker != nullptr && worker->status == worker::WorkerStatus::kOnline) {
+    if (worker != nullptr && worker->status == worker::WorkerStatus::kOnline &&
+        !worker::baseUrlOf(*worker).empty()) {
       online.push_back(worker);
     }
   }
@@ -238,7 +246,7 @@ void PipelineCoordinator::reportShards(const std::string& worker_id, const json&
     Entry& entry = found->second;
     if (entry.config.status == PipelineStatus::kUndeploying) continue;
     for (ShardAssignment& shard : entry.config.shards) {
-      if (shard.worker_id != worker_id) continue;
+      if (shard.worker_id != worker_id || !isAbout(report, shard)) continue;
       shard.status = *status;
       shard.error = *status == ShardStatus::kError && error != nullptr && error->is_string()
                         ? error->get<std::string>()
@@ -259,6 +267,9 @@ PipelineCoordinator::Or<PipelineCoordinator::Workers> PipelineCoordinator::onlin
       return Outcome::refused(400, "Worker not online: " + id);
     }
     if (!seen.insert(id).second) return Outcome::refused(400, "Worker listed twice: " + id);
+    if (worker::baseUrlOf(*worker).empty()) {
+      return Outcome::refused(400, "Worker has no valid address: " + id);
+    }
     found.push_back(worker);
   }
   return found;
@@ -279,7 +290,8 @@ PipelineCoordinator::Or<PipelineCoordinator::Entry> PipelineCoordinator::entryFo
   if (config.tensor_port < 1 || config.tensor_port > 65535) {
     return Outcome::refused(400, "tensor_port must be between 1 and 65535");
   }
-  if (!config.data_worker_url.empty() && !net::isHttpUrl(config.data_worker_url)) {
+  if (!config.data_worker_url.empty() &&
+      !worker::ensureResolvableURL(config.data_worker_url, "", "")) {
     return Outcome::refused(400, "data_worker_url must be an http or https URL");
   }
   auto refusal = request.model_id.empty() ? readFromFile(request.model_path, entry)
@@ -310,15 +322,15 @@ std::optional<Outcome> PipelineCoordinator::readFromDataWorker(const std::string
   if (!told.is_object()) return failed;
   GGUFModelMetadata& model = entry.model;
   try {
-    platform::readField(told, "total_layers", model.block_count);
-    platform::readField(told, "hidden_size", model.embedding_length);
-    platform::readField(told, "architecture", model.architecture);
-    platform::readField(told, "quantization", model.quantization);
-    platform::readField(told, "file_size_bytes", model.file_size_bytes);
-    platform::readField(told, "embed_size", model.embed_size);
-    platform::readField(told, "output_size", model.output_size);
-    platform::readField(told, "gguf_path", config.model_path);
-    platform::readField(told, "filename", config.model_name);
+    platform::readFieldUnlessNull(told, "total_layers", model.block_count);
+    platform::readFieldUnlessNull(told, "hidden_size", model.embedding_length);
+    platform::readFieldUnlessNull(told, "architecture", model.architecture);
+    platform::readFieldUnlessNull(told, "quantization", model.quantization);
+    platform::readFieldUnlessNull(told, "file_size_bytes", model.file_size_bytes);
+    platform::readFieldUnlessNull(told, "embed_size", model.embed_size);
+    platform::readFieldUnlessNull(told, "output_size", model.output_size);
+    platform::readFieldUnlessNull(told, "gguf_path", config.model_path);
+    platform::readFieldUnlessNull(told, "filename", config.model_name);
   } catch (const json::exception&) {
     return failed;
   }
@@ -361,7 +373,7 @@ PipelineCoordinator::Or<std::vector<ShardAssignment>> PipelineCoordinator::assig
   for (std::size_t i = 0; i < shards.size(); ++i) {
     ShardAssignment& shard = shards[i];
     shard.worker_name = workers[i]->worker_name;
-    shard.worker_url = urlOf(workers[i]);
+    shard.worker_url = worker::baseUrlOf(*workers[i]);
     shard.worker_vram_free = vramOf(*workers[i], &worker::GPUInfo::memory_free);
     shard.tensor_port = entry.config.tensor_port;
     if (i > 0) shard.upstream_url = tensorUrl(*workers[i - 1], entry.config);
@@ -408,7 +420,8 @@ void PipelineCoordinator::unload(const PipelineConfig& config,
     calls.emplace_back([&, i] {
       // The worker may have come back at another address.
       const WorkerPtr worker = workers_.find(config.shards[i].worker_id);
-      const std::string url = worker == nullptr ? config.shards[i].worker_url : urlOf(worker);
+      std::string url = worker == nullptr ? "" : worker::baseUrlOf(*worker);
+      if (url.empty()) url = config.shards[i].worker_url;
       unloaded[i] = net::reportedFailure(client_.post(net::CallKind::kUnloadShard,
                                                       url + "/api/v1/pipeline/unload", body))
                         .empty();

@@ -48,7 +48,9 @@ class PipelineCoordinator {
   std::vector<PipelineConfig> all() const TV_EXCLUDES(mu_);  ///< in id order
 
   /// What a worker says of its shards in a heartbeat: an array of {"pipeline_id", "status",
-  /// "error"}, the status "loading", "ready" or "error". Whatever else there is, is ignored.
+  /// "error", "layer_start", "layer_end"}, the status "loading", "ready" or "error". The layers may
+  /// be left out; a report of others than the worker's shard has now is ignored, as is whatever
+  /// else there is.
   void reportShards(const std::string& worker_id, const nlohmann::json& shards) TV_EXCLUDES(mu_);
 
  private:

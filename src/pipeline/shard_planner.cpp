@@ -29,15 +29,14 @@ LayerCounts balancedCounts(std::int32_t layers, std::size_t workers) {
 }
 
 LayerCounts proportionalCounts(std::int32_t layers, const std::vector<WorkerVram>& workers) {
-  long double total = 0;
-  for (const auto& [id, vram] : workers) total += static_cast<long double>(vram);
+  double total = 0;
+  for (const auto& [id, vram] : workers) total += static_cast<double>(vram);
   if (total == 0) return balancedCounts(layers, workers.size());
   LayerCounts counts;
   std::int32_t left = layers;
   for (std::size_t i = 0; i + 1 < workers.size(); ++i) {
-    // Multiplied first: a share that is a whole number of layers is not cut down by rounding.
-    const long double share =
-        static_cast<long double>(workers[i].second) * static_cast<long double>(layers) / total;
+    // Divided first, and at most 1: the share is within the layers, whatever the rounding.
+    const double share = static_cast<double>(workers[i].second) / total * layers;
     counts.push_back(std::min(left, std::max(1, static_cast<std::int32_t>(share))));
     left -= counts.back();
   }

@@ -6,6 +6,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <filesystem>
+#include <system_error>
 
 #include "platform/random.h"
 
@@ -42,9 +44,35 @@ std::string parentOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+/// Beyond it the system calls a chain of symbolic links a loop.
+constexpr int kMaxLinks = 40;
+
+bool isPath(const std::string& path) {
+  return path.find('\0') == std::string::npos;
+}
+
+/// The path of the regular file, there already or not, that writing to `path` replaces: what its
+/// symbolic links lead to. Nothing when something else is there.
+std::optional<std::string> replaceable(std::filesystem::path path) {
+  for (int links = 0; links <= kMaxLinks; ++links) {
+    std::error_code error;
+    const auto found = std::filesystem::symlink_status(path, error);
+    if (found.type() == std::filesystem::file_type::not_found ||
+        found.type() == std::filesystem::file_type::regular) {
+      return path.string();
+    }
+    if (found.type() != std::filesystem::file_type::symlink) return std::nullopt;
+    const auto target = std::filesystem::read_symlink(path, error);
+    if (error) return std::nullopt;
+    path = path.parent_path() / target;
+  }
+  return std::nullopt;
+}
+
 }  // namespace
 
 std::optional<std::string> readFile(const std::string& path) {
+  if (!isPath(path)) return {};  // the system would take it to end at the NUL
   // Non-blocking, so that a FIFO in the file's place cannot hold the caller.
   const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
   struct stat status {};
@@ -61,7 +89,10 @@ std::optional<std::string> readFile(const std::string& path) {
   }
 }
 
-bool writeFileAtomically(const std::string& path, std::string_view content) {
+bool writeFileAtomically(const std::string& wanted, std::string_view content) {
+  const auto target = isPath(wanted) ? replaceable(wanted) : std::nullopt;
+  if (!target) return false;
+  const std::string& path = *target;
   const std::string temporary = path + ".tmp-" + randomHex(8);
   bool written = false;
   {

@@ -6,11 +6,13 @@
 
 namespace tavrel::platform {
 
-/// The whole file, or nothing when it cannot be opened, read, or is not a regular file.
+/// The whole file, or nothing when it cannot be opened, read, or is not a regular file. A path with
+/// a NUL in it is no path, for reading and writing.
 std::optional<std::string> readFile(const std::string& path);
 
 /// Replaces `path` with `content`: written to a temporary file beside it (mode 0600), synced and
-/// renamed, so a reader or a crash sees the old file or the new one, never a mixture.
+/// renamed, so a reader or a crash sees the old file or the new one, never a mixture. A symbolic
+/// link stays and what it points to is replaced; anything but a regular file is refused.
 /// Returns false, and leaves the old file alone, when any step fails.
 bool writeFileAtomically(const std::string& path, std::string_view content);
 

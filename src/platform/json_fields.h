@@ -78,4 +78,11 @@ void readField(const nlohmann::json& object, const char* key, Field& field) {
   }
 }
 
+/// The same, but a null counts as missing.
+template <class Field>
+void readFieldUnlessNull(const nlohmann::json& object, const char* key, Field& field) {
+  const nlohmann::json* value = jsonMember(object, key);
+  if (value != nullptr && !value->is_null()) readField(object, key, field);
+}
+
 }  // namespace tavrel::platform

@@ -4,6 +4,7 @@
 #include <charconv>
 
 #include "platform/text.h"
+#include "worker/worker_info.h"
 
 namespace tavrel::worker {
 namespace {
@@ -71,6 +72,14 @@ bool isHost(std::string_view text) {
 
 std::string httpUrl(const std::string& host, std::int64_t port) {
   return "http://" + bracketed(host) + ":" + std::to_string(port);
+}
+
+std::string httpUrlIfValid(const std::string& host, std::int64_t port) {
+  return isHost(host) && port >= 1 && port <= 65535 ? httpUrl(host, port) : "";
+}
+
+std::string baseUrlOf(const WorkerInfo& worker) {
+  return httpUrlIfValid(worker.ip_address, worker.port);
 }
 
 std::optional<std::string> ensureResolvableURL(std::string_view url, const std::string& hostname,

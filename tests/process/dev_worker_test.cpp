@@ -27,8 +27,9 @@ const std::string kBody = R"({"messages":[{"role":"user","content":"one two thre
 const std::string kStreamBody =
     R"({"stream":true,"messages":[{"role":"user","content":"one two three"}]})";
 
-std::string post(const std::string& body) {
-  return "POST /v1/chat/completions HTTP/1.1\r\nHost: w\r\nContent-Type: application/json\r\n"
+std::string post(const std::string& body, const std::string& path = "/v1/chat/completions") {
+  return "POST " + path +
+         " HTTP/1.1\r\nHost: w\r\nContent-Type: application/json\r\n"
          "Connection: close\r\nContent-Length: " +
          std::to_string(body.size()) + "\r\n\r\n" + body;
 }
@@ -42,9 +43,10 @@ class Worker : public DevWorker {
  public:
   using DevWorker::DevWorker;
 
-  std::string ask(const std::string& body) const {
+  std::string ask(const std::string& body) const { return sent(post(body)); }
+  std::string sent(const std::string& request) const {
     const RawClient client(port());
-    client.send(post(body));
+    client.send(request);
     return client.readAll();
   }
 
@@ -77,6 +79,10 @@ TEST(DevWorkerProcess, AnswersAndStopsCleanlyOnASignal) {
 TEST(DevWorkerProcess, RefusesAWrongCommandLineAndATakenPort) {
   Process wrong(kDevWorker, {"--prot", "0"});
   EXPECT_EQ(wrong.waitForExit(10s), 2);
+  EXPECT_EQ(wrong.errorLines().back(), "Try --help.");
+  Process help(kDevWorker, {"--help"});
+  EXPECT_EQ(help.waitForExit(10s), 0);
+  EXPECT_EQ(help.outputLines().at(1), "Options:");
   const Worker first(std::vector<std::string>{});
   Process second(kDevWorker, {"--port", std::to_string(first.port())});
   EXPECT_EQ(second.waitForExit(10s), 1);
@@ -104,6 +110,15 @@ TEST(DevWorkerProcess, RegistersOnceTheControllerAnswersAndThenKeepsBeating) {
   EXPECT_GT(beat["metrics"]["memory"]["total"], 0);
   EXPECT_TRUE(worker.process().waitForLine("(HTTP 503), trying again", 10s));
   EXPECT_TRUE(worker.process().waitForLine("Registered as w 1", 10s));
+
+  // Loaded anew after a rebalancing: only the layers it has now are reported.
+  for (const int start : {3, 5}) {
+    const json shard = {{"pipeline_id", "p"}, {"layer_start", start}, {"layer_end", 9}};
+    EXPECT_THAT(worker.sent(post(shard.dump(), "/api/v1/pipeline/load")), HasSubstr(" 200 "));
+  }
+  ASSERT_TRUE(controller.waitForRequests(controller.requests().size() + 2));
+  EXPECT_EQ(json::parse(bodyOf(controller.requests().back()))["pipeline_shards"],
+            json::parse(R"([{"pipeline_id":"p","layer_start":5,"layer_end":9,"status":"ready"}])"));
 }
 
 TEST(DevWorkerProcess, FaultsShowOnTheWire) {

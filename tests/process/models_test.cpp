@@ -120,7 +120,7 @@ TEST(ModelProcess, ModelsReachWorkersFromEverySourceAndRunAsAPipeline) {
 TEST(ModelProcess, ASignalEndsTheControllerPromptlyDuringHangingPulls) {
   MockPeer hanging([](MockConnection& connection) { connection.readRequest(); });
   Controller controller;
-  for (int i = 0; i < 80; ++i) {
+  for (int i = 0; i < 260; ++i) {
     controller.request("POST", "/api/v1/workers/register",
                        json({{"worker_id", std::to_string(i)},
                              {"worker_name", std::to_string(i)},
@@ -129,11 +129,11 @@ TEST(ModelProcess, ASignalEndsTheControllerPromptlyDuringHangingPulls) {
                            .dump());
   }
   controller.request("POST", "/api/v1/models/pull", R"({"model":"m","all":true})");
-  ASSERT_TRUE(hanging.waitForRequests(60));
+  ASSERT_TRUE(hanging.waitForRequests(256));
   std::thread waiting([&] {
     controller.request("POST", "/api/v1/models/distribute", R"({"model":"m","all":true})");
   });
-  ASSERT_TRUE(hanging.waitForRequests(65));
+  ASSERT_TRUE(hanging.waitForRequests(257));
   controller.process().signal(SIGTERM);
   EXPECT_EQ(controller.process().waitForExit(5s), 0);
   waiting.join();

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "api/auth_middleware.h"
+#include "controller/routes/account_access.h"
 #include "controller/routes/families.h"
 #include "support/test_server.h"
 
@@ -30,7 +31,7 @@ class AuthRoutesTest : public testing::Test {
           server.use(auth_.getMiddleware());
           server.guardStreams(auth_.getStreamGuard());
           api::RouteBook book;
-          addAuthRoutes(book, auth_, "admin");
+          addAuthRoutes(book, auth_, AccountAccess{nullptr, "admin"});
           book.postStream("/api/v1/chat/completions/stream",
                           [](api::Context&, const api::Request&, api::StreamWriter& writer) {
                             writer.write("data: hello\n\n");

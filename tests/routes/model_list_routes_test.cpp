@@ -63,20 +63,22 @@ TEST(ModelListRoutes, TheDetailedListGathersEveryModelOnce) {
         httpAnswer(200, R"({"models":[{"id":"r","size":5},{"name":"a"},{"id":7},null]})")}}));
   MockPeer broken(MockPeer::answeringOnce(httpAnswer(200, "<html>")));
   MockPeer registry(MockPeer::answeringOnce(
-      httpAnswer(200, R"([{"id":"g","name":"x"},{"name":"z","size":1},{"name":"r"}])")));
+      httpAnswer(200, R"([{"id":"g","name":"a"},{"id":"h","name":"x"},{"id":"i","name":5},
+                          {"id":"","name":""},{"name":"z","size":1},{"name":"r"}])")));
   ModelLists lists(local.url(""));
   lists.addWorker("w2", {"a"});
   lists.addWorker("w1", {"a", "a"});
   lists.remotes = {{registry.url("/models"), "registry", "registry", true},
                    {broken.url(""), "cluster", "peer", false},
                    {router.url("/api/v1/models?scope=own"), "cluster", "router", false}};
-  EXPECT_EQ(lists.get("/api/v1/models"), json::parse(R"({"object":"list","count":4,"models":[
+  EXPECT_EQ(lists.get("/api/v1/models"), json::parse(R"({"object":"list","count":5,"models":[
       {"id":"a","name":"a","object":"model","owned_by":"cluster","source":"worker",
        "workers":["w1","w2"],"worker_count":2},
       {"id":"r","name":"r","object":"model","owned_by":"cluster","source":"router","size":5},
       {"id":"z","name":"z","object":"model","owned_by":"local","source":"local","worker":"local",
        "size":12},
-      {"id":"g","name":"g","object":"model","owned_by":"registry","source":"registry"}]})"));
+      {"id":"x","name":"x","object":"model","owned_by":"registry","source":"registry"},
+      {"id":"i","name":"i","object":"model","owned_by":"registry","source":"registry"}]})"));
 
   // Two controllers that list each other must not ask in circles.
   EXPECT_EQ(lists.get("/api/v1/models?scope=own")["count"], 2);

@@ -39,11 +39,12 @@ struct ModelServer {
   }
 
   void addWorker(const std::string& id, int port, WorkerStatus status = WorkerStatus::kOnline,
-                 const std::string& type = "inference") {
+                 const std::string& type = "inference", const std::string& address = "127.0.0.1") {
     worker::WorkerInfo info;
     info.worker_id = id;
     info.worker_name = "name of " + id;
-    info.ip_address = "127.0.0.1";
+    info.ip_address = address;
+    info.running_models.emplace_back().name = "loaded on " + id;
     info.port = port;
     info.status = status;
     info.worker_type = type;
@@ -60,6 +61,17 @@ struct ModelServer {
       if (job.at("status") != "running") return job;
       std::this_thread::yield();
     }
+  }
+  /// Whether the event comes within ten seconds: it may be published after the job shows its end.
+  bool announced(const std::string& message) const {
+    const auto start = platform::steadyNow();
+    while (platform::millisecondsSince(start) < 10'000) {
+      for (const auto& event : events.getRecentEvents(100)) {
+        if (event->message == message) return true;
+      }
+      std::this_thread::yield();
+    }
+    return false;
   }
   json pulled(const json& body) { return finished(pull(body).json.at("job_id")); }
 
@@ -126,8 +138,7 @@ TEST(ModelRoutes, APullJobTellsHowEachWorkerFared) {
   const json list = server.api.get("/api/v1/models/pull-jobs").json;
   EXPECT_EQ(list["count"], 1);
   EXPECT_EQ(list["jobs"][0]["job_id"], id);
-  EXPECT_EQ(server.events.getRecentEvents(10).back()->message,
-            "Pull job " + id + " finished: partial (2/5 succeeded)");
+  EXPECT_TRUE(server.announced("Pull job " + id + " finished: partial (2/5 succeeded)"));
 }
 
 TEST(ModelRoutes, APullJobEndsAsItsWorkersDid) {
@@ -150,10 +161,40 @@ TEST(ModelRoutes, APullJobEndsAsItsWorkersDid) {
   EXPECT_EQ(unknown.error(), "Pull job not found: unknown");
 }
 
+TEST(ModelRoutes, AWorkerWhoseAddressWouldLeadElsewhereIsNotCalled) {
+  ModelServer server;
+  MockPeer elsewhere(MockPeer::answering(httpAnswer(200, "{}")));
+  const std::string port = std::to_string(elsewhere.port());
+  server.addWorker("bad", 8090, WorkerStatus::kOnline, "", "127.0.0.1:" + port + "/x?");
+  server.addWorker("high", 65536);
+  server.addWorker("user", elsewhere.port(), WorkerStatus::kOnline, "", "u:p@127.0.0.1");
+  const char* const kText = "worker has no valid address";
+  const json job = server.pulled({{"model", "m"}, {"all", true}});
+  EXPECT_EQ(job["status"], "failed");
+  for (const json& result : job["results"]) EXPECT_EQ(result["error"], kText);
+  for (const char* source : {"ollama", "url"}) {
+    const json reply =
+        server
+            .distribute(
+                {{"model", "m"}, {"source", source}, {"source_url", "http://h/m"}, {"all", true}})
+            .json;
+    for (const json& result : reply["results"]) EXPECT_EQ(result["error"], kText) << reply;
+  }
+  EXPECT_EQ(
+      server
+          .distribute(
+              {{"model", "m"}, {"source", "worker"}, {"source_id", "user"}, {"workers", {"bad"}}})
+          .error(),
+      "Source worker 'user' has no valid address");
+  server.api.post("/api/v1/models/show", {{"model", "loaded on user"}});
+  EXPECT_EQ(server.local.requests().size(), 1U);
+  EXPECT_EQ(elsewhere.connections(), 0U);
+}
+
 TEST(ModelRoutes, StoppingDoesNotWaitForHangingPulls) {
   ModelServer server;
   MockPeer hanging([](MockConnection& connection) { connection.readRequest(); });
-  for (int i = 0; i < 100; ++i) server.addWorker("w" + std::to_string(i), hanging.port());
+  for (int i = 0; i < 300; ++i) server.addWorker("w" + std::to_string(i), hanging.port());
   server.pull({{"model", "m"}, {"all", true}});
   ASSERT_TRUE(hanging.waitForRequests(models::PullJobs::kMaxPullsAtOnce));
   const auto start = platform::steadyNow();
@@ -234,6 +275,23 @@ TEST(ModelRoutes, AModelFromTheRegistryIsFetchedFromItsDataWorker) {
                                   {"format", "onnx"},
                                   {"backend", "ollama"}}));
 
+  // One without storage hands out models too, but not before one that has it.
+  const auto first_asked = [&](int silent, const char* status) {
+    MockPeer plain(MockPeer::answering(httpAnswer(200, "{}")));
+    addDaemon(server.typed, worker::WorkerKind::kData, "c", plain.url(""), {},
+              std::chrono::seconds(silent));
+    server.typed.of(worker::WorkerKind::kData).update("d", [&](worker::TypedWorkerInfo& info) {
+      info.status = status;
+    });
+    const std::size_t before = store.requests().size();
+    server.distribute(wanted);
+    return std::string(plain.connections() > 0 ? "c" : "") +
+           (store.requests().size() > before ? "d" : "");
+  };
+  EXPECT_EQ(first_asked(0, "online"), "d");
+  EXPECT_EQ(first_asked(120, "offline"), "c");
+  EXPECT_EQ(first_asked(121, "offline"), "");
+
   // Heard of too long ago.
   addDaemon(server.typed, worker::WorkerKind::kData, "d", store.url("/"),
             {{"storage_enabled", true}}, std::chrono::seconds(121));
@@ -267,6 +325,12 @@ TEST(ModelRoutes, AModelOfAnotherWorkerIsFetchedFromThere) {
                                   {"format", "gguf"},
                                   {"backend", "ollama"},
                                   {"backend_hint", "llamacpp"}}));
+
+  MockPeer onnx(MockPeer::answering(httpAnswer(200, R"({"format":"onnx"})")));
+  server.addWorker("source", onnx.port());
+  wanted["format"] = "safetensors";
+  server.distribute(wanted);
+  EXPECT_EQ(bodyOf(target, 1)["format"], "onnx");
 
   wanted["source_id"] = "bad";
   EXPECT_EQ(server.distribute(wanted).error(), "Model 'm' not found on source worker 'bad'");

@@ -57,6 +57,9 @@ struct PipelineServer {
       info.status = online ? WorkerStatus::kOnline : WorkerStatus::kOffline;
     });
   }
+  void setAddress(const std::string& id, const std::string& address) {
+    workers.update(id, [&](worker::WorkerInfo& info) { info.ip_address = address; });
+  }
   void addStore(const MockPeer& store) {
     addDaemon(typed, worker::WorkerKind::kData, "d", store.url(""), {{"storage_enabled", true}});
   }
@@ -169,12 +172,27 @@ TEST(PipelineRoutes, RebalancingUsesTheWorkersThatAreOnline) {
   EXPECT_EQ(server.act("rebalance", id).json,
             json({{"status", "rebalanced"}, {"shard_count", 2}, {"workers_online", 2}}));
   EXPECT_EQ(server.layers(server.show(id)), json::parse("[[0,16],[16,32]]"));
+  // What "c" sent before it heard of its new layers says nothing of them.
+  const auto ready = [&](const std::string& worker, json report) {
+    report.update({{"pipeline_id", id}, {"status", "ready"}});
+    server.pipelines.reportShards(worker, json::array({report}));
+    return server.show(id)["status"];
+  };
+  ready("a", {{"layer_start", 0}, {"layer_end", 16}});
+  EXPECT_EQ(ready("c", {{"layer_start", 31}, {"layer_end", 32}}), "loading");
+  EXPECT_EQ(ready("c", {{"layer_start", 16}, {"layer_end", "32"}}), "loading");
+  EXPECT_EQ(ready("c", {{"layer_start", 16}, {"layer_end", 32}}), "ready");
   EXPECT_TRUE(server.peers["b"]->requests()[1].starts_with("POST /api/v1/pipeline/unload "));
   EXPECT_EQ(server.bodyAt("b", 1), json({{"pipeline_id", id}}));
   EXPECT_EQ(server.bodyAt("c", 2)["upstream_worker"], "a");
   server.setOnline("b", true);
   server.act("rebalance", id);
   EXPECT_EQ(server.layers(server.show(id)), json::parse("[[0,20],[20,31],[31,32]]"));
+
+  // One that is reached nowhere now gets no layers, and loses its old ones where it was.
+  server.setAddress("b", "b/?");
+  EXPECT_EQ(server.act("rebalance", id).json["workers_online"], 2);
+  EXPECT_TRUE(server.peers["b"]->requests().back().starts_with("POST /api/v1/pipeline/unload "));
 
   for (const char* worker : {"a", "b", "c"}) server.setOnline(worker, false);
   const JsonReply nobody = server.act("rebalance", id);
@@ -277,6 +295,9 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
   EXPECT_EQ(refusal({{"model_id", "m"}, {"workers", {"w", "w"}}}), "Worker listed twice: w");
   EXPECT_EQ(refusal({{"model_path", "/dev/null"}, {"workers", {"w"}}}),
             "Failed to parse GGUF file: /dev/null");
+  server.addWorker("odd", 0);
+  server.setAddress("odd", "h/x?");
+  EXPECT_EQ(refusal({{"model_id", "m"}, {"workers", {"odd"}}}), "Worker has no valid address: odd");
   const json wanted = {{"model_id", "m"}, {"workers", {"w", "v"}}};
   const char* const kFetch = "Failed to fetch model metadata from data worker";
   EXPECT_EQ(refusal(wanted, 502), kFetch);
@@ -286,7 +307,8 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
     server.addStore(store);
     EXPECT_EQ(refusal(wanted, 502), kFetch);
   }
-  for (const char* answer : {"{}", R"({"total_layers":-5})"}) {
+  for (const char* answer :
+       {"{}", R"({"total_layers":-5})", R"({"total_layers":null,"filename":null})"}) {
     MockPeer store(MockPeer::answering(httpAnswer(200, answer)));
     server.addStore(store);
     EXPECT_EQ(refusal(wanted), "Could not determine model layer count");
@@ -300,8 +322,11 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
     EXPECT_NE(refusal(manual), "") << layers;
   }
   json elsewhere = wanted;
-  elsewhere["data_worker_url"] = "file:///etc/passwd";
-  EXPECT_EQ(refusal(elsewhere), "data_worker_url must be an http or https URL");
+  for (const std::string& url : {std::string("file:///etc/passwd"), store.url("/?x="),
+                                 store.url("/#"), "http://u:p@" + store.url("").substr(7)}) {
+    elsewhere["data_worker_url"] = url;
+    EXPECT_EQ(refusal(elsewhere), "data_worker_url must be an http or https URL") << url;
+  }
   EXPECT_EQ(server.api.get("/api/v1/pipeline/status").json["count"], 0);
 }
 

@@ -100,6 +100,8 @@ TEST(ThemeRoutes, BadRequestsAreRefused) {
   refused("/api/v1/routing/rules/delete", R"({"id":"no"})", "Rule not found", 404);
   EXPECT_EQ(server.client.post("/api/v1/themes/load", {{"path", "/no/such"}}).json["success"],
             false);
+  const std::string cut_off = testing::TempDir() + "tavrel-themes" + '\0' + ".json";
+  EXPECT_EQ(server.client.post("/api/v1/themes/save", {{"path", cut_off}}).json["success"], false);
 }
 
 TEST(RoutingRuleRoutes, RulesAreKeptByPriority) {

@@ -96,6 +96,14 @@ TEST(ModelRegistryRoutes, PassOnWhateverADataWorkerSays) {
             "{\"raw_response\":\"oh\xEF\xBF\xBD\"}");
   EXPECT_EQ(answered(MockPeer::answering(httpAnswer(200, ""))).body, "{}");
   EXPECT_EQ(answered(MockPeer::answering(httpAnswer(404, "[1]"))).status, 404);
+  const JsonReply nothing = answered(MockPeer::answering("HTTP/1.1 204 No Content\r\n\r\n"));
+  EXPECT_EQ(nothing.status, 204);
+  EXPECT_EQ(nothing.body, "");
+  for (const int odd : {304, 600, 999}) {
+    const JsonReply refused = answered(MockPeer::answering(httpAnswer(odd, "")));
+    EXPECT_EQ(refused.status, 502) << odd;
+    EXPECT_EQ(refused.error(), "Failed to reach data worker") << odd;
+  }
   const JsonReply dropped =
       answered([](MockConnection& connection) { connection.readRequest(), connection.reset(); });
   EXPECT_EQ(dropped.status, 502);
@@ -127,6 +135,8 @@ TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
   EXPECT_EQ(object.json, json({{"job_id", "j"}, {"training_worker_id", "t1"}}));
   EXPECT_EQ(bodyOf(first), R"({"backend":"mlx","data_worker_url":"http://10.1.1.1:8892"})");
 
+  EXPECT_EQ(submit({{"backend", nullptr}}).json["training_worker_id"], "t2");
+
   const JsonReply none = submit({{"backend", "deepspeed"}});
   EXPECT_EQ(none.status, 503);
   EXPECT_EQ(none.error(), "No suitable training worker available (requested backend: deepspeed)");
@@ -134,6 +144,12 @@ TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
   const JsonReply dead = submit({{"backend", "axolotl"}});
   EXPECT_EQ(dead.status, 502);
   EXPECT_EQ(dead.error(), "Training worker request failed: Couldn't connect to server");
+
+  MockPeer odd(MockPeer::answering(httpAnswer(600, "{}")));
+  server.addTrainer("t4", odd.url(""), 0, {"odd"});
+  const JsonReply passed_over = submit({{"backend", "odd"}});
+  EXPECT_EQ(passed_over.status, 502);
+  EXPECT_EQ(passed_over.error(), "Training worker request failed: HTTP 600");
 }
 
 TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
@@ -156,6 +172,12 @@ TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
   EXPECT_EQ(cancelled.body, R"({"jobs":[{"id":"a"},5]})");
   EXPECT_EQ(requestLine(object, 3), "POST /api/v1/jobs/j/cancel");
   EXPECT_EQ(bodyOf(object, 3), "{}");
+
+  // Without an id nobody is asked.
+  EXPECT_EQ(server.api.get("/api/v1/training/jobs/").error(), "Training job not found: ");
+  EXPECT_EQ(server.api.post("/api/v1/training/jobs//cancel", json::object()).error(),
+            "Training job not found: ");
+  EXPECT_EQ(object.requests().size(), 4U);
 
   server.typed.of(WorkerKind::kTraining).remove("4");
   for (const bool cancel : {false, true}) {

@@ -125,6 +125,11 @@ TEST_F(TypedWorkerRoutes, ScienceWorkerLearnsWhereTheOthersAre) {
   inference.ip_address = "10.0.0.3";
   inference.status = worker::WorkerStatus::kOnline;
   workers_.registerWorker(inference, true);
+  for (const char* odd : {"10.0.0.4/?", "10.0.0.5"}) {
+    inference.worker_id = inference.worker_name = inference.ip_address = odd;
+    inference.port = inference.ip_address == "10.0.0.5" ? 65536 : 8090;
+    workers_.registerWorker(inference, true);
+  }
   inference.worker_id = inference.worker_name = "busy";
   inference.status = worker::WorkerStatus::kBusy;
   workers_.registerWorker(inference, true);

@@ -5,6 +5,7 @@
 
 #include "cluster/router_registry.h"
 #include "config/node_config.h"
+#include "controller/controller_identity.h"
 #include "controller/routes/families.h"
 #include "events/event_stream_service.h"
 #include "metrics/metrics_data_point.h"
@@ -12,6 +13,7 @@
 #include "net/worker_client.h"
 #include "pipeline/pipeline_coordinator.h"
 #include "support/json_client.h"
+#include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
 
 namespace tavrel::controller {
@@ -29,6 +31,7 @@ class WorkerRoutes : public testing::Test {
     api::RouteBook book;
     addWorkerRoutes(book, workers_, routers_, events_, history_, configs_, pipelines_,
                     [this](const std::string& id) { refreshed_.push_back(id); });
+    addStatusRoutes(book, self_, workers_, routers_, typed_);
     return book;
   }
 
@@ -43,7 +46,9 @@ class WorkerRoutes : public testing::Test {
     return client_.post("/api/v1/workers/" + id + "/heartbeat", body);
   }
 
+  const ControllerIdentity self_{"id", "name"};
   worker::WorkerRegistry workers_;
+  worker::TypedWorkerRegistries typed_;
   cluster::RouterRegistry routers_;
   events::EventStreamService events_;
   metrics::MetricsHistory history_;
@@ -92,6 +97,19 @@ TEST_F(WorkerRoutes, ListGetDiscoverAndDelete) {
     EXPECT_EQ(reply.status, 404);
     EXPECT_EQ(reply.error(), "Worker not found");
   }
+}
+
+TEST_F(WorkerRoutes, AComponentIsLinkedOnlyWhenItsAddressIsOne) {
+  const auto url_for = [&](const json& address, int port) {
+    client_.post(
+        "/api/v1/workers/register",
+        {{"worker_id", "w"}, {"ip_address", address}, {"hostname", "rig"}, {"port", port}});
+    return client_.get("/api/v1/components").json["components"][0]["url"];
+  };
+  EXPECT_EQ(url_for("fd00::1", 8090), "http://[fd00::1]:8090");
+  EXPECT_EQ(url_for("", 8090), "http://rig:8090");
+  EXPECT_EQ(url_for("10.0.0.1/?", 8090), "");
+  EXPECT_EQ(url_for("10.0.0.1", 65536), "");
 }
 
 TEST_F(WorkerRoutes, HeartbeatRefreshesTheWorkerAndItsHistory) {

@@ -44,11 +44,12 @@ int main(int count, char** values) {
   const auto parsed =
       tavrel::dev_worker::parseOptions(std::vector<std::string>(values + 1, values + count));
   if (parsed.help) {
-    printLine(tavrel::dev_worker::helpText());
+    tavrel::platform::printText(tavrel::dev_worker::helpText());
     return 0;
   }
   if (!parsed.error.empty()) {
-    printError("[DevWorker] " + parsed.error + "\nTry --help.");
+    printError("[DevWorker] " + parsed.error);
+    printError("Try --help.");
     return kUsageError;
   }
   return serve(parsed.options);

@@ -10,6 +10,7 @@
 
 #include "pipeline/gguf_parser.h"
 #include "platform/console.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::dev_worker {
 namespace {
@@ -27,6 +28,12 @@ std::string textIn(const Request& request, const char* key) {
   const auto& body = request.json();
   const bool is_text = body && body->is_object() && body->contains(key) && (*body)[key].is_string();
   return is_text ? (*body)[key].get<std::string>() : "";
+}
+
+std::int32_t numberIn(const Request& request, const char* key) {
+  const auto& body = request.json();
+  const json* value = body && body->is_object() ? platform::jsonMember(*body, key) : nullptr;
+  return value != nullptr && value->is_number() ? platform::jsonNumber<std::int32_t>(*value) : 0;
 }
 
 json entryOf(const StoredModel& model) {
@@ -118,7 +125,7 @@ struct ModelApi {
   Response loadShard(const Request& request) const {
     const std::string id = textIn(request, "pipeline_id");
     if (id.empty()) return Response::error(400, "pipeline_id is required");
-    store.loadShard(id);
+    store.loadShard({id, numberIn(request, "layer_start"), numberIn(request, "layer_end")});
     platform::printLine("[DevWorker] Loaded a shard of " + id);
     return Response::ok({{"status", "loading"}, {"pipeline_id", id}});
   }

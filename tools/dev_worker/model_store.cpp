@@ -41,6 +41,10 @@ std::string emptyModelFile(const std::string& name) {
   return file;
 }
 
+auto isOf(const std::string& pipeline_id) {
+  return [&](const LoadedShard& shard) { return shard.pipeline_id == pipeline_id; };
+}
+
 }  // namespace
 
 ModelStore::ModelStore(const std::vector<std::string>& models) {
@@ -76,23 +80,25 @@ void ModelStore::addFromLibrary(const std::string& name) {
   add({name, "gguf", emptyModelFile(name)});
 }
 
-void ModelStore::loadShard(const std::string& pipeline_id) {
+void ModelStore::loadShard(LoadedShard shard) {
   const platform::MutexLock lock(mu_);
-  if (std::find(shards_.begin(), shards_.end(), pipeline_id) == shards_.end()) {
-    shards_.push_back(pipeline_id);
-  }
+  std::erase_if(shards_, isOf(shard.pipeline_id));
+  shards_.push_back(std::move(shard));
 }
 
 bool ModelStore::unloadShard(const std::string& pipeline_id) {
   const platform::MutexLock lock(mu_);
-  return std::erase(shards_, pipeline_id) > 0;
+  return std::erase_if(shards_, isOf(pipeline_id)) > 0;
 }
 
 nlohmann::json ModelStore::shardReports() const {
   nlohmann::json reports = nlohmann::json::array();
   const platform::MutexLock lock(mu_);
-  for (const std::string& id : shards_) {
-    reports.push_back({{"pipeline_id", id}, {"status", "ready"}});
+  for (const LoadedShard& shard : shards_) {
+    reports.push_back({{"pipeline_id", shard.pipeline_id},
+                       {"layer_start", shard.layer_start},
+                       {"layer_end", shard.layer_end},
+                       {"status", "ready"}});
   }
   return reports;
 }

@@ -23,7 +23,7 @@ constexpr const char* kUsage =
     "              [--stay MILLISECONDS]\n"
     "  heartbeats  --port N --backend-ports N,N,... [--workers N] [--with-model N] [--model M]\n"
     "              [--rounds N] [--connections N] [--register 0|1]\n"
-    "  idle        --port N [--path P] [--connections N] [--hold SECONDS]";
+    "  idle        --port N [--path P] [--connections N] [--hold SECONDS]\n";
 
 }  // namespace
 
@@ -34,7 +34,7 @@ int main(int argc, char** argv) {
       {"heartbeats", load::runHeartbeats},
       {"idle", load::runIdle}};
   if (argc < 2 || std::strcmp(argv[1], "--help") == 0) {
-    platform::printLine(kUsage);
+    platform::printText(kUsage);
     return argc < 2 ? 2 : 0;
   }
   try {

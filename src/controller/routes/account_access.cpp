@@ -33,6 +33,10 @@ bool hasRole(const AccountAccess& access, const api::Context& context, const api
 
 }  // namespace
 
+bool isClusterAdminRole(const std::string& role) {
+  return isOneOf(role, kClusterAdminRoles);
+}
+
 std::string sessionTokenOf(const api::Request& request) {
   std::string token = request.getHeader("X-Session-Token");
   if (!token.empty()) return token;

@@ -5,9 +5,10 @@
 #include <vector>
 
 #include "api/auth_middleware.h"
+#include "controller/routes/account_access.h"
 #include "controller/routes/families.h"
+#include "controller/routes/key_prefix.h"
 #include "controller/routes/route_input.h"
-#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -15,8 +16,6 @@ namespace {
 using api::Context;
 using api::Request;
 using api::Response;
-
-constexpr std::size_t kShownKeyCharacters = 12;
 
 bool isAdmin(const Context& context) {
   if (!context.identity) return false;
@@ -26,18 +25,6 @@ bool isAdmin(const Context& context) {
 
 Response adminRequired() {
   return Response::error(403, "Admin access required");
-}
-
-/// The beginning of a key for lists: twelve characters, of a key as short as that half or less.
-std::string keyPrefix(const std::string& key) {
-  const std::string text = platform::replaceInvalidUtf8(key);
-  std::size_t shown = kShownKeyCharacters;
-  std::string prefix = platform::firstCharacters(text, shown);
-  while (shown > 0 && prefix == text) {
-    shown /= 2;
-    prefix = platform::firstCharacters(text, shown);
-  }
-  return prefix + "...";
 }
 
 /// The member when it is an array of strings, else `fallback`.
@@ -52,7 +39,7 @@ std::vector<std::string> stringsOr(const nlohmann::json& body, const char* name,
 
 struct AuthRoutes {
   api::AuthMiddleware& auth;
-  std::string auth_mode;
+  AccountAccess access;
 
   Response listKeys(const Context& context) const {
     if (!isAdmin(context)) return adminRequired();
@@ -108,9 +95,20 @@ struct AuthRoutes {
                               {"expires_in_seconds", auth.workerTokenTtlSeconds()}});
   }
 
-  Response info(const Context& context) const {
-    nlohmann::json answer = {{"auth_mode", auth_mode}, {"authenticated", false}};
-    if (context.identity) {
+  /// Without user accounts there is no first administrator to set up.
+  Response setupStatus() const {
+    const bool first =
+        access.store != nullptr && access.store->getSetting("first_time_setup", "") == "true";
+    return Response::ok({{"first_time_setup", first}});
+  }
+
+  Response info(const Context& context, const Request& request) const {
+    nlohmann::json answer = {{"auth_mode", access.auth_mode}, {"authenticated", false}};
+    if (const auto session = access.getSessionFromRequest(request)) {
+      answer["authenticated"] = true;
+      answer["user"] = {
+          {"id", session->user_id}, {"email", session->email}, {"role", session->role}};
+    } else if (context.identity) {
       const api::AuthIdentity& caller = *context.identity;
       answer["authenticated"] = true;
       answer["user"] = {{"id", caller.id},
@@ -124,8 +122,8 @@ struct AuthRoutes {
 
 }  // namespace
 
-void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const std::string& auth_mode) {
-  const AuthRoutes h{auth, auth_mode};
+void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const AccountAccess& access) {
+  const AuthRoutes h{auth, access};
   book.get("/api/v1/auth/keys", [h](Context& c, const Request&) { return h.listKeys(c); });
   book.post("/api/v1/auth/keys", [h](Context& c, const Request& r) { return h.createKey(c, r); });
   book.post("/api/v1/auth/keys/revoke",
@@ -135,13 +133,10 @@ void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const std::s
   book.post("/api/v1/auth/tokens/worker",
             [h](Context& c, const Request& r) { return h.issueWorkerToken(c, r); });
   book.get("/api/v1/auth/mode", [h](Context&, const Request&) {
-    return Response::ok({{"auth_mode", h.auth_mode}});
+    return Response::ok({{"auth_mode", h.access.auth_mode}});
   });
-  // Without user accounts there is no first administrator to set up.
-  book.get("/api/v1/auth/setup-status", [](Context&, const Request&) {
-    return Response::ok({{"first_time_setup", false}});
-  });
-  book.get("/api/v1/auth/info", [h](Context& c, const Request&) { return h.info(c); });
+  book.get("/api/v1/auth/setup-status", [h](Context&, const Request&) { return h.setupStatus(); });
+  book.get("/api/v1/auth/info", [h](Context& c, const Request& r) { return h.info(c, r); });
 }
 
 }  // namespace tavrel::controller

@@ -40,6 +40,7 @@ class TrainingJobs;
 }  // namespace tavrel::models
 namespace tavrel::net {
 class HttpClient;
+class SmtpClient;
 class WorkerClient;
 }  // namespace tavrel::net
 namespace tavrel::pipeline {
@@ -47,19 +48,35 @@ class PipelineCoordinator;
 }
 namespace tavrel::worker {
 class TypedWorkerRegistries;
+class TypedWorkerRegistry;
 class WorkerRegistry;
 }  // namespace tavrel::worker
 
 namespace tavrel::controller {
+struct AccountAccess;
 struct ControllerIdentity;
-}
+}  // namespace tavrel::controller
 
 // The contents page of the API: one function for every family of routes. What they get must outlive
 // the server.
 namespace tavrel::controller {
 
-/// `auth_mode` is the mode as it was asked for at start.
-void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const std::string& auth_mode);
+void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const AccountAccess& access);
+/// Registration, sessions, passwords and what mails link to.
+void addAccountRoutes(api::RouteBook& book, const AccountAccess& access, net::SmtpClient& smtp);
+void addSmtpRoutes(api::RouteBook& book, const AccountAccess& access, net::SmtpClient& smtp);
+/// Users, the approval of registrations and the administrators' overview. Without user accounts
+/// the users are the API keys of `auth`.
+void addUserRoutes(api::RouteBook& book, const AccountAccess& access,
+                   const api::AuthMiddleware& auth);
+void addOrganizationRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Personal settings and conversations.
+void addUserDataRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Credentials and quotas.
+void addCredentialRoutes(api::RouteBook& book, const AccountAccess& access);
+/// Tenants live on the data workers, who are asked.
+void addTenantRoutes(api::RouteBook& book, const worker::TypedWorkerRegistry& data_workers,
+                     net::WorkerClient& client);
 void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
                      const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
                      const worker::TypedWorkerRegistries& typed);

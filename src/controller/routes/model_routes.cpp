@@ -87,15 +87,18 @@ struct ModelRoutes {
   }
 
  private:
-  /// The model server of the first online worker that has the model loaded, else the local one.
+  /// The model server of the first online worker with a valid address that has the model loaded,
+  /// else the local one.
   std::string modelServerOf(const std::string& model) const {
     for (const worker::WorkerPtr& worker : workers.snapshot()) {
       if (worker->status != worker::WorkerStatus::kOnline) continue;
       const auto& loaded = worker->running_models;
-      if (std::any_of(loaded.begin(), loaded.end(),
-                      [&](const auto& running) { return running.name == model; })) {
-        return worker::httpUrl(worker->ip_address, kModelServerPort);
+      if (std::none_of(loaded.begin(), loaded.end(),
+                       [&](const auto& running) { return running.name == model; })) {
+        continue;
       }
+      std::string url = worker::httpUrlIfValid(worker->ip_address, kModelServerPort);
+      if (!url.empty()) return url;
     }
     return local_model_server;
   }

@@ -9,9 +9,9 @@
 namespace tavrel::controller {
 
 /// The answer of a daemon with its status: JSON as JSON, anything else as {"raw_response": text},
-/// nothing as {}. `unreached` is the 502 when there was none.
+/// nothing as {}. `unreached` is the 502 when there was none that can be passed on.
 inline api::Response relayed(const net::HttpResult& result, std::string_view unreached) {
-  if (!result.transport_error.empty()) return api::Response::error(502, unreached);
+  if (!net::canBePassedOn(result)) return api::Response::error(502, unreached);
   nlohmann::json answer =
       result.body.empty() ? nlohmann::json::object() : net::parsedJson(result.body);
   if (answer.is_discarded()) answer = net::rawResponse(result.body);

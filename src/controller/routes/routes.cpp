@@ -4,7 +4,14 @@
 namespace tavrel::controller {
 
 void addAllRoutes(api::RouteBook& book, Services& s) {
-  addAuthRoutes(book, s.auth, s.auth_mode);
+  addAuthRoutes(book, s.auth, s.accounts);
+  addAccountRoutes(book, s.accounts, s.smtp);
+  addSmtpRoutes(book, s.accounts, s.smtp);
+  addUserRoutes(book, s.accounts, s.auth);
+  addOrganizationRoutes(book, s.accounts);
+  addUserDataRoutes(book, s.accounts);
+  addCredentialRoutes(book, s.accounts);
+  addTenantRoutes(book, s.typed.of(worker::WorkerKind::kData), s.worker_client);
   addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);

@@ -91,7 +91,7 @@ nlohmann::json component(const worker::WorkerInfo& worker) {
   return {{"type", "worker"},
           {"name", worker.worker_name},
           {"hostname", worker.hostname},
-          {"url", host.empty() ? "" : worker::httpUrl(host, worker.port)},
+          {"url", worker::httpUrlIfValid(host, worker.port)},
           {"status", workerComponentStatus(worker.status)},
           {"last_heartbeat", platform::toEpochSeconds(worker.last_heartbeat)},
           {"mode", worker.worker_type},

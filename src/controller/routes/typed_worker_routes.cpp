@@ -125,9 +125,9 @@ struct TypedWorkerRoutes {
     const platform::WallTime now = platform::wallNow();
     json inference = json::array();
     for (const worker::WorkerPtr& worker : workers.snapshot()) {
-      if (worker->status != worker::WorkerStatus::kOnline || !worker::isHost(worker->ip_address))
-        continue;
-      inference.push_back(worker::httpUrl(worker->ip_address, worker->port));
+      if (worker->status != worker::WorkerStatus::kOnline) continue;
+      std::string url = worker::baseUrlOf(*worker);
+      if (!url.empty()) inference.push_back(std::move(url));
     }
     for (std::string& url : typed.of(WorkerKind::kNativeInference).onlineUrls(now)) {
       inference.push_back(std::move(url));

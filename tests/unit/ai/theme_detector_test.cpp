@@ -158,7 +158,7 @@ TEST(ThemeDetector, ReadsWhateverAModelReplies) {
   EXPECT_FLOAT_EQ(read("CONFIDENCE: 7").confidence, 1);
   EXPECT_FLOAT_EQ(read("CONFIDENCE: -1").confidence, 0);
   for (const char* reply : {"", "THEME:", "THEME: other\nCONFIDENCE: high", "CONFIDENCE: 1e99",
-                            "CONFIDENCE: nan", "THEME: \nCONFIDENCE:"}) {
+                            "CONFIDENCE: 1e-50", "CONFIDENCE: nan", "THEME: \nCONFIDENCE:"}) {
     EXPECT_EQ(read(reply).theme, "general") << reply;
     EXPECT_FLOAT_EQ(read(reply).confidence, 0.5F) << reply;
   }

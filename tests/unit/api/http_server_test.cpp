@@ -209,6 +209,26 @@ TEST(HttpServer, ChunkedBodiesAreReadUpToTheLimit) {
   EXPECT_EQ(answer.find("HTTP/1.1 ", 12), std::string::npos) << answer;
 }
 
+TEST(HttpServer, AnAnswerWhoseStatusHasNoBodyEndsWithItsHead) {
+  const TestServer server([](HttpServer& routes) {
+    addEchoRoutes(routes);
+    routes.get("/status/:status", [](Context&, const Request& request) {
+      return Response::json({{"not", "sent"}}, std::stoi(request.getPathParam("status")));
+    });
+  });
+  for (const char* status : {"204", "304", "199"}) {
+    const RawClient client(server.port());
+    client.send("GET /status/" + std::string(status) + " HTTP/1.1\r\n\r\n" +
+                "GET /nothing HTTP/1.1\r\nConnection: close\r\n\r\n");
+    const std::string answers = client.readAll();
+    const std::size_t end = answers.find("\r\n\r\n");
+    ASSERT_NE(end, std::string::npos);
+    EXPECT_EQ(answers.substr(9, 3), status);
+    EXPECT_EQ(answers.substr(0, end).find("\nContent-"), std::string::npos) << answers;
+    EXPECT_EQ(answers.substr(end + 4, 12), "HTTP/1.1 404") << answers;
+  }
+}
+
 TEST(HttpServer, RangesAreIgnoredHoweverLong) {
   const TestServer server(addEchoRoutes);
   const RawClient client(server.port());

@@ -47,6 +47,39 @@ TEST_F(FilesTest, OnlyRegularFilesAreRead) {
   const std::string fifo = directory_ / "fifo";
   ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
   EXPECT_FALSE(readFile(fifo));
+  ASSERT_TRUE(writeFileAtomically(directory_ / "file", ""));
+  EXPECT_FALSE(readFile((directory_ / "file").string() + '\0' + "rest"));
+}
+
+TEST_F(FilesTest, OnlyRegularFilesAreReplaced) {
+  const auto linkTo = [&](const std::filesystem::path& target) {
+    const std::filesystem::path link = directory_ / "link";
+    std::filesystem::remove(link);
+    std::filesystem::create_symlink(target, link);
+    return link;
+  };
+  const std::string fifo = directory_ / "fifo";
+  ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+  EXPECT_FALSE(writeFileAtomically(fifo, "x"));
+  EXPECT_TRUE(std::filesystem::is_fifo(fifo));
+  for (const char* target : {"fifo", "/dev/null", ".", "link"}) {
+    const auto link = linkTo(target);
+    EXPECT_FALSE(writeFileAtomically(link, "x")) << target;
+    EXPECT_TRUE(std::filesystem::is_symlink(link)) << target;
+  }
+  EXPECT_FALSE(writeFileAtomically((directory_ / "cut").string() + '\0' + "off", "x"));
+  EXPECT_FALSE(std::filesystem::exists(directory_ / "cut"));
+
+  // Whether the file is there or not, the link stays one; its directory holds no trace of the work.
+  std::filesystem::create_directory(directory_ / "below");
+  for (const char* content : {"1", "2"}) {
+    const auto link = linkTo("below/file");
+    EXPECT_TRUE(writeFileAtomically(link, content));
+    EXPECT_TRUE(std::filesystem::is_symlink(link));
+    EXPECT_EQ(readFile(directory_ / "below" / "file"), content);
+  }
+  const auto entries = std::filesystem::directory_iterator(directory_ / "below");
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
 }
 
 TEST_F(FilesTest, DirectoriesArePrivateAndMadeWithTheirParents) {

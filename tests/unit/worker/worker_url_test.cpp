@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "worker/worker_info.h"
+
 namespace tavrel::worker {
 namespace {
 
@@ -14,6 +16,14 @@ TEST(WorkerUrl, ReachableUrlsAreKept) {
   EXPECT_EQ(httpUrl("fd00::1", 8890), "http://[fd00::1]:8890");
   EXPECT_TRUE(isHost("fd00::1") && isHost("gpu-1.lan"));
   EXPECT_FALSE(isHost("") || isHost("box/x") || isHost("box:1") || isHost("u@box"));
+  WorkerInfo worker;
+  worker.ip_address = "fd00::1";
+  worker.port = 65535;
+  EXPECT_EQ(baseUrlOf(worker), "http://[fd00::1]:65535");
+  for (const int port : {0, -1, 65536}) {
+    worker.port = port;
+    EXPECT_EQ(baseUrlOf(worker), "") << port;
+  }
 }
 
 TEST(WorkerUrl, HostsThatMeanTheDaemonItselfBecomeItsAddress) {

@@ -1,0 +1,82 @@
+#include "identity/account_upkeep.h"
+
+#include <gtest/gtest.h>
+
+#include "user_store_fixture.h"
+
+namespace tavrel::identity {
+namespace {
+
+using namespace std::chrono_literals;
+using AccountUpkeep = UserStoreTest;
+
+User administrator(const std::string& name, const std::string& email) {
+  User user = userNamed(name);
+  user.role = "cluster_admin";
+  user.email = email;
+  return user;
+}
+
+TEST_F(AccountUpkeep, AnEmptyStoreWaitsForItsFirstUser) {
+  EXPECT_FALSE(prepareAccounts(*store_).has_users);
+  EXPECT_EQ(store_->getSetting("first_time_setup", ""), "true");
+  EXPECT_EQ(store_->getSetting("cluster_domain", "none"), "none");
+}
+
+TEST_F(AccountUpkeep, TheClusterTakesTheDomainOfAnAdministratorAndKeepsIt) {
+  store_->createUser(userNamed("plain"));
+  store_->createUser(administrator("local", "root"));
+  EXPECT_TRUE(prepareAccounts(*store_).has_users);
+  EXPECT_EQ(store_->getSetting("cluster_domain", ""), "");
+
+  store_->createUser(administrator("ada", "Ada@Lab.Example"));
+  EXPECT_EQ(prepareAccounts(*store_).new_cluster_domain, "lab.example");
+  EXPECT_EQ(store_->getSetting("cluster_domain", ""), "lab.example");
+  EXPECT_EQ(store_->getSetting("first_time_setup", "none"), "none");
+
+  store_->deleteUser("usr_ada");
+  EXPECT_EQ(prepareAccounts(*store_).new_cluster_domain, "");
+  EXPECT_EQ(store_->getSetting("cluster_domain", ""), "lab.example");
+}
+
+TEST_F(AccountUpkeep, TidyingForgetsWhatExpiredAndNothingElse) {
+  const User user = userNamed("ada");
+  store_->createUser(user);
+  Session old = sessionOf(user, "ts_old");
+  ASSERT_TRUE(store_->createSession(sessionOf(user, "ts_new")));
+  old.expires_at = crypto::futureISO8601(-60);
+  ASSERT_TRUE(store_->createSession(old));
+  store_->storeToken("spent", user.id, "verify_email", -60);
+  tidyAccounts(*store_, platform::wallNow());
+  EXPECT_FALSE(store_->deleteSession("ts_old"));
+  EXPECT_FALSE(store_->deleteToken("spent"));
+  EXPECT_TRUE(store_->validateSession("ts_new"));
+}
+
+TEST_F(AccountUpkeep, DailyQuotasStartAnewOnceADayAcrossRestarts) {
+  const platform::WallTime evening{std::chrono::seconds(1'767'311'940)};  // 23:59 UTC
+  ResourceQuota quota;
+  quota.target_type = "user";
+  quota.target_id = "usr_ada";
+  quota.metric = "requests";
+  quota.limit_value = 10;
+  ASSERT_TRUE(store_->setQuota(quota));
+  const auto used = [&] { return store_->getQuotas("user", "usr_ada").at(0).current_value; };
+
+  tidyAccounts(*store_, evening);
+  store_->incrementQuotaUsage("user", "usr_ada", "requests", 7);
+  tidyAccounts(*store_, evening + 30s);
+  EXPECT_EQ(used(), 7);
+
+  const auto reopened = createUserStore("sqlite", path_);
+  testing::internal::CaptureStdout();
+  ASSERT_TRUE(reopened->initialize());
+  testing::internal::GetCapturedStdout();
+  tidyAccounts(*reopened, evening + 45s);
+  EXPECT_EQ(used(), 7);
+  tidyAccounts(*reopened, evening + 61s);
+  EXPECT_EQ(used(), 0);
+}
+
+}  // namespace
+}  // namespace tavrel::identity
