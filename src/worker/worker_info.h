@@ -209,6 +209,11 @@ struct WorkerInfo {
 /// empty when the body has none. Values of a wrong type throw nlohmann's exception.
 WorkerInfo workerFromRegistration(const nlohmann::json& body, platform::WallTime now);
 
+/// The record another controller lists, in the form of toJson or with the host's state under
+/// "system": heard of at `now`, by that controller; its status is online or, whatever else the
+/// other says, offline. Values of a wrong type throw nlohmann's exception.
+WorkerInfo workerFromListing(const nlohmann::json& listed, platform::WallTime now);
+
 /// Puts the state a heartbeat carries into the record: what the body has replaces, what it lacks
 /// stays, inside capabilities and metrics too. The record is online and heard of at `now`.
 /// A value of a wrong type throws nlohmann's exception; the record is then half changed, so pass a

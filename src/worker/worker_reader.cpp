@@ -52,6 +52,19 @@ void readCapabilities(const json& body, WorkerCapabilities& capabilities) {
   readListIfArray(*value, "installed_models", capabilities.installed_models);
 }
 
+BackendEndpoint endpointFrom(const json& value) {
+  BackendEndpoint endpoint;
+  std::string type = inferenceBackendToString(endpoint.type);
+  readField(value, "type", type);
+  endpoint.type = inferenceBackendFromString(type);
+  readField(value, "url", endpoint.url);
+  readField(value, "enabled", endpoint.enabled);
+  readField(value, "model_name", endpoint.model_name);
+  readListIfArray(value, "models", endpoint.models);
+  readField(value, "timeout_ms", endpoint.timeout_ms);
+  return endpoint;
+}
+
 RunningModel runningModelFrom(const json& value) {
   RunningModel model;
   readField(value, "name", model.name);
@@ -133,7 +146,63 @@ void readMetrics(const json& value, platform::WallTime now, SystemMetrics& metri
   readRecords(value, "gpus", metrics.gpus, gpuFrom);
 }
 
+/// What a controller lists of a worker beyond what the worker says itself.
+void readListedCapabilities(const json& body, WorkerCapabilities& capabilities) {
+  readCapabilities(body, capabilities);
+  const json* value = jsonMember(body, "capabilities");
+  if (value == nullptr || !value->is_object()) return;
+  readField(*value, "supports_tgi", capabilities.supports_tgi);
+  readField(*value, "supports_tensorflow_serving", capabilities.supports_tensorflow_serving);
+  readField(*value, "supports_torchserve", capabilities.supports_torchserve);
+  readField(*value, "supports_onnx_runtime", capabilities.supports_onnx_runtime);
+  readField(*value, "supports_triton", capabilities.supports_triton);
+  readField(*value, "supports_meta_lcm", capabilities.supports_meta_lcm);
+  readField(*value, "supports_meta_vljepa", capabilities.supports_meta_vljepa);
+  readField(*value, "supports_xlstm", capabilities.supports_xlstm);
+  readField(*value, "has_rocm", capabilities.has_rocm);
+  readField(*value, "has_tensorrt", capabilities.has_tensorrt);
+  readField(*value, "gpu_count", capabilities.gpu_count);
+  readField(*value, "gpu_memory_mb", capabilities.gpu_memory_mb);
+  readField(*value, "max_models", capabilities.max_models);
+  readRecords(*value, "backend_endpoints", capabilities.backend_endpoints, endpointFrom);
+}
+
+/// The host's state as "system" lists it.
+void readSystem(const json& system, platform::WallTime now, WorkerInfo& worker) {
+  readMetrics(system, now, worker.metrics);
+  readField(system, "os", worker.os);
+  readField(system, "arch", worker.arch);
+  const json* cpu = jsonMember(system, "cpu");
+  if (cpu != nullptr) readLoadAverage(*cpu, worker.metrics.load_average);
+  bool cuda = false;
+  bool metal = false;
+  readField(system, "cuda_available", cuda);
+  readField(system, "metal_available", metal);
+  worker.capabilities.has_cuda = worker.capabilities.has_cuda || cuda;
+  worker.capabilities.has_metal = worker.capabilities.has_metal || metal;
+}
+
 }  // namespace
+
+WorkerInfo workerFromListing(const json& listed, platform::WallTime now) {
+  WorkerInfo worker = workerFromRegistration(listed, now);
+  std::string status;
+  readField(listed, "status", status);
+  worker.status = status == "online" ? WorkerStatus::kOnline : WorkerStatus::kOffline;
+  readSeconds(listed, "registered_at", worker.registered_at);
+  readListedCapabilities(listed, worker.capabilities);
+  const json* system = jsonMember(listed, "system");
+  const json* metrics = jsonMember(listed, "metrics");
+  if (metrics != nullptr && metrics->is_object()) readMetrics(*metrics, now, worker.metrics);
+  if (system != nullptr && system->is_object()) readSystem(*system, now, worker);
+  readField(listed, "uptime_seconds", worker.metrics.uptime_seconds);
+  readRecords(listed, "running_models", worker.running_models, runningModelFrom);
+  readField(listed, "labels", worker.labels);
+  readField(listed, "config_id", worker.config_id);
+  readField(listed, "config_timestamp", worker.config_timestamp);
+  readField(listed, "config_dirty", worker.config_dirty);
+  return worker;
+}
 
 WorkerInfo workerFromRegistration(const json& body, platform::WallTime now) {
   WorkerInfo worker;

@@ -1,0 +1,188 @@
+#include <exception>
+#include <utility>
+
+#include "cluster/cluster_transport.h"
+#include "controller/hierarchy/controller_hierarchy.h"
+#include "platform/json_fields.h"
+#include "platform/json_text.h"
+
+// A sub's side: what it tells its master and what it gets from it.
+namespace tavrel::controller {
+
+using nlohmann::json;
+using platform::MutexLock;
+
+namespace {
+
+/// The version of the protocol between master and subs.
+constexpr const char* kHierarchyVersion = "3.0.8";
+constexpr std::size_t kMaxUnreported = 1000;
+
+/// Why the master said no.
+std::string refusal(const json& reply) {
+  const json* error = platform::jsonMember(reply, "error");
+  return error != nullptr && error->is_string() ? error->get<std::string>() : "unknown";
+}
+
+bool succeeded(const json& reply) {
+  const json* success = platform::jsonMember(reply, "success");
+  return success != nullptr && success->is_boolean() && success->get<bool>();
+}
+
+}  // namespace
+
+std::string ControllerHierarchy::masterUrl(const std::string& path) const {
+  return cluster::endpointUrl({config_.master_address, config_.master_port}, path);
+}
+
+json ControllerHierarchy::selfDescription() const {
+  const LocalCounts counts = env_.counts();
+  return {{"version", kHierarchyVersion},   {"type", "sub_controller"},
+          {"id", config_.controller_id},    {"name", config_.name},
+          {"address", config_.address},     {"port", config_.port},
+          {"region", config_.region},       {"tier_id", config_.tier_id},
+          {"worker_count", counts.workers}, {"router_count", counts.routers}};
+}
+
+MasterControllerRef ControllerHierarchy::masterRef() const {
+  const MutexLock lock(master_mu_);
+  return master_;
+}
+
+void ControllerHierarchy::setConnected(bool connected) {
+  const MutexLock lock(master_mu_);
+  master_.connected = connected;
+}
+
+bool ControllerHierarchy::registerWithMaster() {
+  try {
+    const json reply = platform::parseForeignJson(
+        httpPost(masterUrl("/api/v1/hierarchy/register"), selfDescription()));
+    if (!succeeded(reply)) {
+      env_.print("[Hierarchy] Master rejected registration: " + refusal(reply));
+      return false;
+    }
+    std::string master_id = reply.value("master_id", "");
+    {
+      const MutexLock lock(master_mu_);
+      master_.id = std::move(master_id);
+      master_.connected = true;
+    }
+    env_.print("[Hierarchy] Registered with master controller");
+    return true;
+  } catch (const std::exception& error) {
+    env_.print(std::string("[Hierarchy] Failed to register with master: ") + error.what());
+    return false;
+  }
+}
+
+void ControllerHierarchy::sendHeartbeatToMaster() {
+  json body = selfDescription();
+  body["timestamp"] = platform::toEpochSeconds(env_.wall());
+  bool heard = false;
+  try {
+    heard = succeeded(
+        platform::parseForeignJson(httpPost(masterUrl("/api/v1/hierarchy/heartbeat"), body)));
+  } catch (const std::exception&) {
+    // The next heartbeat tells again; the status shows that the master is away.
+  }
+  setConnected(heard);
+}
+
+void ControllerHierarchy::pollCommandsFromMaster() {
+  json reply;
+  try {
+    reply = platform::parseForeignJson(httpGet(masterUrl("/api/v1/hierarchy/commands")));
+  } catch (const std::exception&) {
+    return;  // asked again with the next pass
+  }
+  if (!reply.is_object() || !reply.contains("commands") || !reply["commands"].is_array()) return;
+  for (const json& sent : reply["commands"]) {
+    MasterCommand command;
+    try {
+      platform::readField(sent, "id", command.id);
+      platform::readField(sent, "type", command.type);
+      platform::readField(sent, "payload", command.payload);
+    } catch (const json::exception& error) {
+      env_.print(std::string("[Hierarchy] Unreadable command from master: ") + error.what());
+      continue;  // the others have been handed over as well
+    }
+    if (!receiveCommand(command)) {
+      reportCommandResult(command.id, false, nullptr, "Too many commands wait");
+    }
+  }
+}
+
+bool ControllerHierarchy::receiveCommand(const MasterCommand& command) {
+  const CommandInbox::Receipt receipt = inbox_.add(command);
+  if (receipt != CommandInbox::Receipt::kNew) return receipt == CommandInbox::Receipt::kKnown;
+  env_.print("[Hierarchy] Received command from master: " + command.type);
+  for (const CommandCallback& callback : callbacks_) {
+    try {
+      callback(command);
+    } catch (const std::exception& error) {
+      platform::printError(std::string("[Hierarchy] Callback failed: ") + error.what());
+    }
+  }
+  return true;
+}
+
+void ControllerHierarchy::reportCommandResult(const std::string& command_id, bool success,
+                                              const json& result, const std::string& error) {
+  json report{
+      {"command_id", command_id}, {"success", success}, {"result", result}, {"error", error}};
+  if (sendReport(report)) return;
+  const MutexLock lock(master_mu_);
+  if (unreported_.size() < kMaxUnreported) unreported_.push_back(std::move(report));
+}
+
+bool ControllerHierarchy::sendReport(const json& report) {
+  std::string answer;
+  try {
+    answer = httpPost(masterUrl("/api/v1/hierarchy/command/result"), report);
+  } catch (const std::exception& error) {
+    env_.print(std::string("[Hierarchy] Failed to report command result: ") + error.what());
+    return false;
+  }
+  try {
+    const json reply = platform::parseForeignJson(answer);
+    if (!succeeded(reply)) {
+      env_.print("[Hierarchy] Failed to report command result: " + refusal(reply));
+    }
+  } catch (const std::exception& error) {
+    env_.print(std::string("[Hierarchy] Failed to report command result: ") + error.what());
+  }
+  return true;  // the master has it and would say the same again
+}
+
+void ControllerHierarchy::sendUnreported() {
+  while (true) {
+    json report;
+    {
+      const MutexLock lock(master_mu_);
+      if (unreported_.empty()) return;
+      report = std::move(unreported_.front());
+      unreported_.pop_front();
+    }
+    if (sendReport(report)) continue;
+    const MutexLock lock(master_mu_);
+    unreported_.push_front(std::move(report));
+    return;
+  }
+}
+
+void ControllerHierarchy::reportStatusToMaster(const json& status) {
+  try {
+    httpPost(masterUrl("/api/v1/hierarchy/status"), status);
+  } catch (const std::exception& error) {
+    env_.print(std::string("[Hierarchy] Failed to report status to master: ") + error.what());
+  }
+}
+
+void ControllerHierarchy::commandPass() {
+  sendHeartbeatToMaster();
+  pollCommandsFromMaster();
+  sendUnreported();
+}
+
+}  // namespace tavrel::controller

@@ -1,0 +1,89 @@
+#include "controller/hierarchy/edge_servers.h"
+
+#include <utility>
+
+#include "platform/json_fields.h"
+#include "platform/random.h"
+
+namespace tavrel::controller {
+
+using nlohmann::json;
+using platform::MutexLock;
+using platform::readField;
+
+namespace {
+
+constexpr std::size_t kIdDigits = 8;
+
+EdgeServer edgeFrom(const json& body, platform::WallTime now) {
+  EdgeServer edge;
+  readField(body, "hostname", edge.hostname);
+  readField(body, "mode", edge.mode);
+  readField(body, "tls_mode", edge.tls_mode);
+  readField(body, "http_port", edge.http_port);
+  readField(body, "https_port", edge.https_port);
+  readField(body, "router_count", edge.router_count);
+  readField(body, "peer_count", edge.peer_count);
+  readField(body, "metrics", edge.metrics);
+  edge.registered_at = now;
+  edge.last_heartbeat = now;
+  return edge;
+}
+
+}  // namespace
+
+json EdgeServer::toJson() const {
+  return {{"edge_id", edge_id},
+          {"hostname", hostname},
+          {"mode", mode},
+          {"tls_mode", tls_mode},
+          {"http_port", http_port},
+          {"https_port", https_port},
+          {"router_count", router_count},
+          {"peer_count", peer_count},
+          {"status", status},
+          {"metrics", metrics},
+          {"registered_at", platform::toEpochSeconds(registered_at)},
+          {"last_heartbeat", platform::toEpochSeconds(last_heartbeat)}};
+}
+
+EdgeServer EdgeServers::registerEdge(const json& body, platform::WallTime now) {
+  EdgeServer edge = edgeFrom(body, now);
+  readField(body, "edge_id", edge.edge_id);
+  if (edge.edge_id.empty()) edge.edge_id = "edge-" + platform::randomHex(kIdDigits);
+  const MutexLock lock(mu_);
+  edges_[edge.edge_id] = edge;
+  return edge;
+}
+
+bool EdgeServers::heartbeat(const std::string& id, const json& body, platform::WallTime now) {
+  EdgeServer sent = edgeFrom(body, now);
+  const MutexLock lock(mu_);
+  const auto [place, added] = edges_.try_emplace(id);
+  EdgeServer& edge = place->second;
+  if (added) {
+    edge = std::move(sent);
+    edge.edge_id = id;
+    return true;
+  }
+  edge.status = "online";
+  edge.last_heartbeat = now;
+  if (body.contains("metrics")) edge.metrics = std::move(sent.metrics);
+  return false;
+}
+
+std::optional<EdgeServer> EdgeServers::find(const std::string& id) const {
+  const MutexLock lock(mu_);
+  const auto place = edges_.find(id);
+  return place == edges_.end() ? std::nullopt : std::optional(place->second);
+}
+
+std::vector<EdgeServer> EdgeServers::all() const {
+  const MutexLock lock(mu_);
+  std::vector<EdgeServer> edges;
+  edges.reserve(edges_.size());
+  for (const auto& [id, edge] : edges_) edges.push_back(edge);
+  return edges;
+}
+
+}  // namespace tavrel::controller

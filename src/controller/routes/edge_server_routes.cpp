@@ -1,0 +1,64 @@
+#include <nlohmann/json.hpp>
+#include <string>
+#include <utility>
+
+#include "api/route_book.h"
+#include "controller/hierarchy/edge_servers.h"
+#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/route_input.h"
+#include "platform/console.h"
+
+namespace tavrel::controller {
+namespace {
+
+using api::Request;
+using api::Response;
+using nlohmann::json;
+
+struct EdgeServerRoutes {
+  EdgeServers& edges;
+
+  Response announce(const Request& req) const {
+    if (!req.json()) return invalidJsonBody();
+    const EdgeServer edge = edges.registerEdge(*req.json(), platform::wallNow());
+    platform::printLine("[Controller] Edge server registered: " + edge.edge_id + " (" +
+                        edge.hostname + ")");
+    return Response::ok({{"success", true}, {"edge_id", edge.edge_id}, {"status", "registered"}});
+  }
+
+  Response heartbeat(const Request& req) const {
+    const std::string id = req.getPathParam("id");
+    if (!isStorableId(id)) return Response::error(400, "Edge ID required");
+    const json body = req.json() ? *req.json() : json::object();
+    json reply{{"status", "ok"}, {"edge_id", id}};
+    if (edges.heartbeat(id, body, platform::wallNow())) {
+      platform::printLine("[Controller] Edge server auto-registered via heartbeat: " + id);
+      reply["auto_registered"] = true;
+    }
+    return Response::ok(reply);
+  }
+
+  Response list() const {
+    json records = json::array();
+    for (const EdgeServer& edge : edges.all()) records.push_back(edge.toJson());
+    const std::size_t count = records.size();
+    return Response::ok({{"edges", std::move(records)}, {"count", count}});
+  }
+
+  Response get(const Request& req) const {
+    const auto edge = edges.find(req.getPathParam("id"));
+    return edge ? Response::ok(edge->toJson()) : Response::error(404, "Edge not found");
+  }
+};
+
+}  // namespace
+
+void addEdgeServerRoutes(api::RouteBook& book, EdgeServers& edges) {
+  const EdgeServerRoutes h{edges};
+  book.post("/api/v1/edges/register", [h](auto&, auto& req) { return h.announce(req); });
+  book.post("/api/v1/edges/:id/heartbeat", [h](auto&, auto& req) { return h.heartbeat(req); });
+  book.get("/api/v1/edges", [h](auto&, auto&) { return h.list(); });
+  book.get("/api/v1/edges/:id", [h](auto&, auto& req) { return h.get(req); });
+}
+
+}  // namespace tavrel::controller
