@@ -1,8 +1,6 @@
 #include "platform/bounded_threads.h"
 
-#include <algorithm>
 #include <exception>
-#include <iterator>
 #include <system_error>
 #include <utility>
 
@@ -72,11 +70,12 @@ void BoundedThreads::joinEnded() {
   std::vector<std::thread> ended;
   {
     const MutexLock lock(mutex_);
-    const auto alive = std::partition(threads_.begin(), threads_.end(), [&](const auto& thread) {
-      return std::find(ended_ids_.begin(), ended_ids_.end(), thread.get_id()) == ended_ids_.end();
-    });
-    ended.assign(std::move_iterator(alive), std::move_iterator(threads_.end()));
-    threads_.erase(alive, threads_.end());
+    for (const std::thread::id id : ended_ids_) {
+      for (std::thread& thread : threads_) {
+        if (thread.get_id() == id) ended.push_back(std::move(thread));
+      }
+    }
+    std::erase_if(threads_, [](const std::thread& thread) { return !thread.joinable(); });
     ended_ids_.clear();
   }
   for (std::thread& thread : ended) thread.join();
