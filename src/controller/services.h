@@ -18,6 +18,7 @@
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
 #include "events/event_stream_service.h"
+#include "inference/agent_host.h"
 #include "inference/chat_proxy.h"
 #include "inference/local_model_server.h"
 #include "inference/model_catalogue.h"
@@ -73,6 +74,7 @@ struct Services {
   models::ModelDistribution distribution;
   pipeline::PipelineCoordinator pipelines;
   inference::LocalModelServer local_server;
+  inference::AgentHost agent_host;
   inference::ModelCatalogue models;
   inference::ChatProxy chat;
   inference::OpenAiGateway openai;
