@@ -59,7 +59,9 @@ ClusterServices::ClusterServices(const Options& options, const ControllerIdentit
       balancer(nodes, cluster::LoadBalanceStrategy::kLeastLoad),
       manager(clusterConfig(options, self), nodes,
               cluster::ClusterEnvironment{membership_transport}),
+      llm_pool(nodes, balancer, work_transport),
       worker_pool(nodes, balancer, work_transport),
+      agents(nodes, work_transport),
       gossip(makeGossip(options, *this)),
       peers_(options.peers) {}
 

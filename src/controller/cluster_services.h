@@ -5,9 +5,11 @@
 #include <string>
 #include <vector>
 
+#include "cluster/agent_registry.h"
 #include "cluster/cluster_manager.h"
 #include "cluster/cluster_transport.h"
 #include "cluster/gossip_protocol.h"
+#include "cluster/llm_pool.h"
 #include "cluster/load_balancer.h"
 #include "cluster/node_registry.h"
 #include "cluster/worker_pool.h"
@@ -51,7 +53,9 @@ struct ClusterServices {
   cluster::NodeRegistry nodes;
   cluster::LoadBalancer balancer;
   cluster::ClusterManager manager;
+  cluster::LLMPool llm_pool;
   cluster::WorkerPool worker_pool;
+  cluster::AgentRegistry agents;
   std::unique_ptr<cluster::GossipProtocol> gossip;  ///< only of a controller that was given peers
 
  private:

@@ -64,6 +64,7 @@ Services::Services(const Options& options)
       pipelines(worker_client, workers,
                 [this] { return model_registry.storageWorkerUrl(platform::wallNow()); }),
       local_server(http, options.local_model_server),
+      agent_host(workers, http, local_server.baseUrl()),
       models(workers, local_server, http,
              [this] { return nodesWithModels(routers, model_registry); }),
       chat({workers, ai_control, experts, routers, [this] { return scienceWorkerUrl(typed); }, http,

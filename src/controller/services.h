@@ -20,6 +20,7 @@
 #include "controller/routes/account_access.h"
 #include "events/event_stream_service.h"
 #include "identity/user_store.h"
+#include "inference/agent_host.h"
 #include "inference/chat_proxy.h"
 #include "inference/local_model_server.h"
 #include "inference/model_catalogue.h"
@@ -80,6 +81,7 @@ struct Services {
   models::ModelDistribution distribution;
   pipeline::PipelineCoordinator pipelines;
   inference::LocalModelServer local_server;
+  inference::AgentHost agent_host;
   inference::ModelCatalogue models;
   inference::ChatProxy chat;
   inference::OpenAiGateway openai;

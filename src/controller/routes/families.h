@@ -13,8 +13,10 @@ class AuthMiddleware;
 class RouteBook;
 }  // namespace tavrel::api
 namespace tavrel::cluster {
+class AgentRegistry;
 class ClusterManager;
 class GossipProtocol;
+class LLMPool;
 class LoadBalancer;
 class NodeRegistry;
 class RouterRegistry;
@@ -30,6 +32,7 @@ namespace tavrel::events {
 class EventStreamService;
 }
 namespace tavrel::inference {
+class AgentHost;
 class ChatProxy;
 class ModelCatalogue;
 class OpenAiGateway;
@@ -103,6 +106,10 @@ void addClusterOverviewRoutes(api::RouteBook& book, const cluster::ClusterManage
 /// Tasks for worker nodes, and those that others send to this one. Null: not part of this process.
 void addWorkerPoolRoutes(api::RouteBook& book, const cluster::LoadBalancer* balancer,
                          cluster::WorkerPool* pool, const cluster::TaskExecutor& executor);
+/// Language-model nodes and agents of the cluster, and agents run here. Null: not part of this
+/// process.
+void addClusterAgentRoutes(api::RouteBook& book, const cluster::LLMPool* llm_pool,
+                           cluster::AgentRegistry* agents, const inference::AgentHost& host);
 void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,

@@ -27,6 +27,8 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addClusterOverviewRoutes(book, manager, s.workers, s.routers, s.typed);
   addWorkerPoolRoutes(book, c == nullptr ? nullptr : &c->balancer,
                       c == nullptr ? nullptr : &c->worker_pool, s.task_executor);
+  addClusterAgentRoutes(book, c == nullptr ? nullptr : &c->llm_pool,
+                        c == nullptr ? nullptr : &c->agents, s.agent_host);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
   addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
