@@ -1,4 +1,3 @@
-#include <limits>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -19,8 +18,6 @@ using identity::Session;
 using nlohmann::json;
 namespace crypto = identity::crypto;
 
-/// Conversations may be as long as the server lets a body be.
-constexpr std::size_t kAnyLength = std::numeric_limits<std::size_t>::max();
 constexpr const char* kNotJson = "Invalid JSON body";
 
 constexpr std::initializer_list<BodyMember> kConversationMembers = {
