@@ -1,3 +1,4 @@
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -74,10 +75,10 @@ struct UserDataRoutes {
     if (settings == nullptr || !settings->is_object()) {
       return Response::error(400, "settings object is required");
     }
-    for (const auto& item : settings->items()) {
-      if (!store->setSetting(scopeOf(session), category, item.key(), jsonText(item.value()))) {
-        return Response::error(500, "Failed to save settings");
-      }
+    std::map<std::string, std::string> values;
+    for (const auto& item : settings->items()) values[item.key()] = jsonText(item.value());
+    if (!store->setSettings(scopeOf(session), category, values)) {
+      return Response::error(500, "Failed to save settings");
     }
     return Response::ok({{"status", "saved"}, {"count", settings->size()}});
   }
