@@ -89,7 +89,8 @@ class AuthMiddleware {
   std::string issueSubControllerToken(const std::string& controller_id,
                                       std::vector<std::string> permissions);
   bool revokeToken(const std::string& token) { return tokens_.revoke(token); }
-  /// Removes tokens that are revoked or expired. Issuing tokens does so by itself now and then.
+  /// Removes tokens that are revoked or expired; to be called now and then. Issuing many tokens
+  /// does so by itself.
   void cleanupExpiredTokens() { tokens_.removeExpired(clocks_.wall()); }
 
   /// Enters the keys of a key file; the administrator key stays as it is. False when the file
