@@ -96,7 +96,8 @@ std::optional<Response> AuthMiddleware::judgeGuest(const Request& request) {
 std::optional<Response> AuthMiddleware::judgeBearer(Context& context, const Request& request) {
   const std::string& authorization = headerOf(request, kBearerHeader);
   if (authorization.size() <= kBearer.size() || !authorization.starts_with(kBearer)) {
-    return refuse(401, "Authentication required. Provide X-API-Key header or Bearer token.");
+    return judgeSession(request,
+                        "Authentication required. Provide X-API-Key header or Bearer token.");
   }
   const std::string value = authorization.substr(kBearer.size());
   std::optional<TokenEntry> token = validateToken(value);
@@ -105,11 +106,23 @@ std::optional<Response> AuthMiddleware::judgeBearer(Context& context, const Requ
     if (const ApiKeyPtr key = usableKey(value, request.remote_address)) {
       return passWithKey(context, *key);
     }
-    return refuse(401, "Invalid or expired token");
+    return judgeSession(request, "Invalid or expired token");
   }
   const RateLimiter::Verdict verdict = checkRateLimit(value, /*is_guest=*/false);
   if (!verdict) return refuseRate("Rate limit exceeded", verdict);
   context.identity = std::move(token->identity);
+  authenticated_requests_.fetch_add(1, std::memory_order_relaxed);
+  return std::nullopt;
+}
+
+/// Whoever comes with a session gets no identity here: the route looks at the session itself.
+std::optional<Response> AuthMiddleware::judgeSession(const Request& request,
+                                                     std::string_view refusal) {
+  std::optional<std::string> token;
+  if (session_of_ && isSessionPath(request.path)) token = session_of_(request);
+  if (!token) return refuse(401, refusal);
+  const RateLimiter::Verdict verdict = checkRateLimit(*token, /*is_guest=*/false);
+  if (!verdict) return refuseRate("Rate limit exceeded", verdict);
   authenticated_requests_.fetch_add(1, std::memory_order_relaxed);
   return std::nullopt;
 }

@@ -34,14 +34,18 @@ struct AuthConfig {
   bool protect_inference = false;
 };
 
+/// The token of the browser session that a request carries; nothing when it carries none that is
+/// valid now.
+using SessionLookup = std::function<std::optional<std::string>(const Request&)>;
+
 /// The gate in front of every route: decides by path, credential and rate limit whether a request
 /// passes, and tells handlers through Context::identity who is calling. Owns the API keys, the
 /// issued bearer tokens, the rate-limit windows and the request counters.
 ///
-/// Threads: initialize before the first request; everything else from any thread.
-/// Time: read from the clocks given at construction.
-/// Failure: refusals are answers (401 or 429) and are counted; nothing here throws but loadApiKeys.
-/// The middlewares it hands out refer to it, so it must outlive the server.
+/// Threads: initialize and acceptSessions before the first request; everything else from any
+/// thread. Time: read from the clocks given at construction. Failure: refusals are answers (401 or
+/// 429) and are counted; nothing here throws but loadApiKeys. The middlewares it hands out refer to
+/// it, so it must outlive the server.
 class AuthMiddleware {
  public:
   /// Where the time comes from; tests bring their own.
@@ -55,6 +59,9 @@ class AuthMiddleware {
 
   /// Takes the settings over and enters the administrator key, if there is one.
   void initialize(const AuthConfig& config);
+
+  /// Lets valid browser sessions pass where isSessionPath says so, when no other credential does.
+  void acceptSessions(SessionLookup lookup) { session_of_ = std::move(lookup); }
 
   /// For HttpServer::use.
   Middleware getMiddleware();
@@ -89,7 +96,8 @@ class AuthMiddleware {
   std::string issueSubControllerToken(const std::string& controller_id,
                                       std::vector<std::string> permissions);
   bool revokeToken(const std::string& token) { return tokens_.revoke(token); }
-  /// Removes tokens that are revoked or expired. Issuing tokens does so by itself now and then.
+  /// Removes tokens that are revoked or expired; to be called now and then. Issuing many tokens
+  /// does so by itself.
   void cleanupExpiredTokens() { tokens_.removeExpired(clocks_.wall()); }
 
   /// Enters the keys of a key file; the administrator key stays as it is. False when the file
@@ -109,6 +117,7 @@ class AuthMiddleware {
   std::optional<Response> judge(Context& context, const Request& request);
   std::optional<Response> judgeGuest(const Request& request);
   std::optional<Response> judgeBearer(Context& context, const Request& request);
+  std::optional<Response> judgeSession(const Request& request, std::string_view refusal);
   std::optional<Response> passWithKey(Context& context, ApiKey& key);
   ApiKeyPtr usableKey(const std::string& key, const std::string& client_ip) const;
   Response refuse(int status, std::string_view message);
@@ -117,6 +126,7 @@ class AuthMiddleware {
   const Clocks clocks_;
   AuthConfig config_;          ///< constant after initialize
   PathPatterns public_paths_;  ///< constant after initialize
+  SessionLookup session_of_;   ///< constant after acceptSessions; null: no sessions
   ApiKeyTable keys_;
   TokenTable tokens_;
   RateLimiter limiter_;

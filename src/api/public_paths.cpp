@@ -155,6 +155,17 @@ bool isInferencePath(std::string_view path) {
   return std::find(std::begin(kPaths), std::end(kPaths), path) != std::end(kPaths);
 }
 
+bool isSessionPath(std::string_view path) {
+  static constexpr std::string_view kPaths[] = {
+      "/api/v1/admin/dashboard",
+      "/api/v1/credentials",
+      "/api/v1/credentials/*",
+      "/api/v1/quotas/*",
+  };
+  return std::any_of(std::begin(kPaths), std::end(kPaths),
+                     [path](std::string_view pattern) { return matchPath(pattern, path); });
+}
+
 bool matchPath(std::string_view pattern, std::string_view path) {
   if (pattern == path) return true;
   const std::size_t star = pattern.find('*');

@@ -17,6 +17,10 @@ const std::vector<std::string>& publicPaths();
 /// AuthConfig::protect_inference takes off the public list.
 bool isInferencePath(std::string_view path);
 
+/// Whether `path` is one whose routes serve people who are signed in, though it is not public:
+/// their browser session passes the gate there as a key does, and the routes judge what it may do.
+bool isSessionPath(std::string_view path);
+
 /// Whether a path pattern covers a path: they are equal, or the text before the pattern's first "*"
 /// begins and the text after it ends the path, without overlap. Any further "*" is literal.
 bool matchPath(std::string_view pattern, std::string_view path);

@@ -33,6 +33,7 @@ void startAccounts(Services& services, const Options& options) {
   }
   identity::UserStore& store = *services.user_store;
   services.accounts.store = &store;
+  services.auth.acceptSessions(sessionLookup(services.accounts));
   services.loops.tendAccounts(store);
   if (!options.smtp_server.empty()) storeMailSettings(store, options);
 

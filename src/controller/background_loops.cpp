@@ -14,8 +14,9 @@ namespace {
 constexpr std::chrono::seconds kReaperPeriod{10};
 constexpr std::chrono::seconds kFirstSample{5};
 constexpr std::chrono::seconds kSamplePeriod{10};
-/// How late after midnight the daily quotas may start anew.
-constexpr std::chrono::seconds kAccountPeriod{60};
+/// How long an expired token or session is kept, and how late after midnight the daily quotas may
+/// start anew.
+constexpr std::chrono::seconds kUpkeepPeriod{60};
 
 /// Adds up what the workers last reported.
 class ClusterSum {
@@ -94,7 +95,7 @@ metrics::ClusterMetricsDataPoint sampleCluster(const worker::WorkerRegistry& wor
 BackgroundLoops::BackgroundLoops(worker::WorkerRegistry& workers,
                                  const cluster::RouterRegistry& routers,
                                  worker::TypedWorkerRegistries& typed,
-                                 metrics::MetricsHistory& history)
+                                 metrics::MetricsHistory& history, api::AuthMiddleware& auth)
     : reaper_("reaper", kReaperPeriod, kReaperPeriod,
               [&workers, &typed](const std::stop_token&) {
                 reapStaleWorkers(workers, typed, platform::wallNow());
@@ -103,24 +104,23 @@ BackgroundLoops::BackgroundLoops(worker::WorkerRegistry& workers,
                 [&workers, &routers, &typed, &history](const std::stop_token&) {
                   history.recordClusterMetrics(
                       sampleCluster(workers, routers, typed, platform::wallNow()));
-                }) {}
-
-void BackgroundLoops::tendAccounts(identity::UserStore& store) {
-  account_upkeep_.emplace(
-      "account-upkeep", std::chrono::seconds(0), kAccountPeriod,
-      [&store](const std::stop_token&) { identity::tidyAccounts(store, platform::wallNow()); });
-}
+                }),
+      upkeep_("upkeep", std::chrono::seconds(0), kUpkeepPeriod,
+              [this, &auth](const std::stop_token&) {
+                auth.cleanupExpiredTokens();
+                if (accounts_ != nullptr) identity::tidyAccounts(*accounts_, platform::wallNow());
+              }) {}
 
 void BackgroundLoops::start() {
   reaper_.start();
   recorder_.start();
-  if (account_upkeep_) account_upkeep_->start();
+  upkeep_.start();
 }
 
 void BackgroundLoops::stop() {
   reaper_.stop();
   recorder_.stop();
-  if (account_upkeep_) account_upkeep_->stop();
+  upkeep_.stop();
 }
 
 }  // namespace tavrel::controller

@@ -1,7 +1,6 @@
 #pragma once
 
-#include <optional>
-
+#include "api/auth_middleware.h"
 #include "cluster/router_registry.h"
 #include "identity/user_store.h"
 #include "metrics/metrics_history.h"
@@ -22,24 +21,25 @@ metrics::ClusterMetricsDataPoint sampleCluster(const worker::WorkerRegistry& wor
                                                const worker::TypedWorkerRegistries& typed,
                                                platform::WallTime now);
 
-/// The loops that start-up runs: the reaper, the cluster-metrics recorder and, where there are user
-/// accounts, their upkeep. Owned by start-up;
-/// the destructor stops them.
+/// The loops that start-up runs: the reaper, the cluster-metrics recorder and the upkeep of tokens
+/// and, where there are any, user accounts. Owned by start-up; the destructor stops them.
 class BackgroundLoops {
  public:
   BackgroundLoops(worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
-                  worker::TypedWorkerRegistries& typed, metrics::MetricsHistory& history);
+                  worker::TypedWorkerRegistries& typed, metrics::MetricsHistory& history,
+                  api::AuthMiddleware& auth);
 
   /// To be called before start. The store must outlive the loops.
-  void tendAccounts(identity::UserStore& store);
+  void tendAccounts(identity::UserStore& store) { accounts_ = &store; }
 
   void start();
   void stop();
 
  private:
+  identity::UserStore* accounts_ = nullptr;  ///< constant after start
   platform::PeriodicTask reaper_;
   platform::PeriodicTask recorder_;
-  std::optional<platform::PeriodicTask> account_upkeep_;
+  platform::PeriodicTask upkeep_;
 };
 
 }  // namespace tavrel::controller

@@ -71,6 +71,6 @@ Services::Services(const Options& options)
             local_server, collector}),
       openai(workers, worker_connections, experts, local_server, collector,
              openAiSettings(options)),
-      loops(workers, routers, typed, history) {}
+      loops(workers, routers, typed, history, auth) {}
 
 }  // namespace tavrel::controller

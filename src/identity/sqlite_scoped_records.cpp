@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "identity/crypto.h"
 #include "identity/sqlite_user_store.h"
 #include "store/store_lock.h"
@@ -54,6 +56,16 @@ ResourceQuota readQuota(store::Statement& row) {
           .last_reset = row.nextText()};
 }
 
+bool putSetting(store::Database& db, const std::string& scope, const std::string& category,
+                const std::string& key, const std::string& value) {
+  return db
+      .change(
+          "INSERT OR REPLACE INTO user_settings (scope, category, key, value, updated_at) "
+          "VALUES (?, ?, ?, ?, ?)",
+          scope, category, key, value, crypto::nowISO8601())
+      .has_value();
+}
+
 }  // namespace
 
 std::vector<UserSettingEntry> SqliteUserStore::getSettings(const std::string& scope,
@@ -66,12 +78,18 @@ std::vector<UserSettingEntry> SqliteUserStore::getSettings(const std::string& sc
 bool SqliteUserStore::setSetting(const std::string& scope, const std::string& category,
                                  const std::string& key, const std::string& value) {
   const StoreLock lock(mu_);
-  return db_
-      .change(
-          "INSERT OR REPLACE INTO user_settings (scope, category, key, value, updated_at) "
-          "VALUES (?, ?, ?, ?, ?)",
-          scope, category, key, value, crypto::nowISO8601())
-      .has_value();
+  return putSetting(db_, scope, category, key, value);
+}
+
+bool SqliteUserStore::setSettings(const std::string& scope, const std::string& category,
+                                  const std::map<std::string, std::string>& values) {
+  const StoreLock lock(mu_);
+  // One transaction also because each would wait for the disk.
+  return db_.atomically([&](store::Database& db) {
+    return std::all_of(values.begin(), values.end(), [&](const auto& item) {
+      return putSetting(db, scope, category, item.first, item.second);
+    });
+  });
 }
 
 bool SqliteUserStore::deleteSettingsByScope(const std::string& scope) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <string>
 #include <utility>
 
@@ -67,6 +68,8 @@ class SqliteUserStore final : public UserStore {
                                             const std::string& category) override TV_EXCLUDES(mu_);
   bool setSetting(const std::string& scope, const std::string& category, const std::string& key,
                   const std::string& value) override TV_EXCLUDES(mu_);
+  bool setSettings(const std::string& scope, const std::string& category,
+                   const std::map<std::string, std::string>& values) override TV_EXCLUDES(mu_);
   bool deleteSettingsByScope(const std::string& scope) override TV_EXCLUDES(mu_);
 
   bool createCredential(const Credential& credential) override TV_EXCLUDES(mu_);

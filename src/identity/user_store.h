@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -88,6 +89,9 @@ class UserStore {
                                                     const std::string& category);
   virtual bool setSetting(const std::string& scope, const std::string& category,
                           const std::string& key, const std::string& value);
+  /// Sets values of one category by their keys: all of them or none.
+  virtual bool setSettings(const std::string& scope, const std::string& category,
+                           const std::map<std::string, std::string>& values);
   /// True also when there were none.
   virtual bool deleteSettingsByScope(const std::string& scope);
 

@@ -142,6 +142,26 @@ TEST_F(OwnAccountRoutesTest, ASessionLastsUntilLogout) {
   EXPECT_EQ(server_.postText(kAuth + "logout", "").status, 200);
 }
 
+TEST_F(OwnAccountRoutesTest, ASessionAloneOpensWhatIsForPeople) {
+  const std::string admin = server_.registerUser("ada@lab.org").json["token"];
+  const json bob = server_.registerUser("bob@lab.org").json;
+  const std::string token = bob["token"];
+  const std::string quotas = "/api/v1/quotas/" + bob["user_id"].get<std::string>();
+  for (const httplib::Headers& way :
+       {server_.signedIn(token), httplib::Headers{{"Authorization", "Bearer " + token}},
+        httplib::Headers{{"Cookie", "tavrel_session=" + token}}}) {
+    EXPECT_EQ(server_.get("/api/v1/credentials", way).status, 200);
+    EXPECT_EQ(server_.get(quotas, way).status, 200);
+    EXPECT_EQ(server_.get("/api/v1/admin/dashboard", way).refusal(), "403 Admin role required");
+  }
+  EXPECT_EQ(server_.get("/api/v1/admin/dashboard", server_.signedIn(admin)).json["total_users"], 2);
+  server_.post("/api/v1/auth/logout", json::object(), server_.signedIn(token));
+  EXPECT_EQ(server_.get("/api/v1/credentials", server_.signedIn(token)).refusal(),
+            "401 Authentication required. Provide X-API-Key header or Bearer token.");
+  EXPECT_EQ(server_.get(quotas, {{"Authorization", "Bearer " + token}}).refusal(),
+            "401 Invalid or expired token");
+}
+
 TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
   server_.registerUser("ada@lab.org");
   const std::string one = server_.login("ada@lab.org").json["token"];

@@ -49,11 +49,14 @@ class AccountServer {
       config.admin_key = kAdminKey;
       config.public_paths = api::publicPaths();
       auth_.initialize(config);
+      if (with_store) auth_.acceptSessions(sessionLookup(access));
       server.use(auth_.getMiddleware());
       api::RouteBook book;
       addAuthRoutes(book, auth_, access);
       addAccountRoutes(book, access, smtp);
       addSmtpRoutes(book, access, smtp);
+      addUserRoutes(book, access, auth_);
+      addCredentialRoutes(book, access);
       server.addRoutes(book);
     });
   }

@@ -64,6 +64,13 @@ std::optional<identity::Session> AccountAccess::getSessionFromRequest(
   return token.empty() ? std::nullopt : store->validateSession(token);
 }
 
+api::SessionLookup sessionLookup(const AccountAccess& access) {
+  return [access](const api::Request& request) -> std::optional<std::string> {
+    if (!access.getSessionFromRequest(request)) return std::nullopt;
+    return sessionTokenOf(request);
+  };
+}
+
 bool AccountAccess::isAdmin(const api::Context& context, const api::Request& request) const {
   return hasRole(*this, context, request, kAdminRoles);
 }

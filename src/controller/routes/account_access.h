@@ -3,6 +3,7 @@
 #include <optional>
 #include <string>
 
+#include "api/auth_middleware.h"
 #include "api/context.h"
 #include "api/request.h"
 #include "api/response.h"
@@ -35,6 +36,9 @@ bool isClusterAdminRole(const std::string& role);
 
 /// The token that the request carries for its session; empty when there is none.
 std::string sessionTokenOf(const api::Request& request);
+
+/// For AuthMiddleware::acceptSessions. The store of `access` must be there.
+api::SessionLookup sessionLookup(const AccountAccess& access);
 
 inline api::Response noUserStore() {
   return api::Response::error(503, "User store not initialized");

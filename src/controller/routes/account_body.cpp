@@ -56,9 +56,14 @@ bool isTooShort(const std::string& password) {
   return platform::firstCharacters(password, kLeastPasswordCharacters - 1) == password;
 }
 
+bool isOneLine(const std::string& text) {
+  return platform::singleLine(text) == text;
+}
+
 std::string textOr(const json& object, const char* name, std::string fallback) {
-  platform::readField(object, name, fallback);
-  return fallback;
+  const json* value = platform::jsonMember(object, name);
+  if (value == nullptr) return fallback;
+  return value->is_string() ? value->get<std::string>() : "";
 }
 
 std::string jsonText(const json& value) {

@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <initializer_list>
+#include <limits>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -23,6 +24,8 @@ struct BodyMember {
 
 /// Bytes of a body that becomes one record: records are listed to others.
 inline constexpr std::size_t kMaxRecordBody = std::size_t{1} << 20;
+/// As long as the server lets a body be.
+inline constexpr std::size_t kAnyLength = std::numeric_limits<std::size_t>::max();
 
 /// Why the body is of no use: it is longer than `max_bytes` (413), no JSON object (400 with the
 /// text `not_json`), or one of `members` is there with a wrong type (400 "Invalid JSON body").
@@ -36,7 +39,7 @@ std::optional<api::Response> refusedBody(const api::Request& request,
 /// Whether the members that are there have their types. `value` must be an object.
 bool hasTypes(const nlohmann::json& value, std::initializer_list<BodyMember> members);
 
-/// The member, which is a text when it is there.
+/// The member when it is there; empty when it is no text.
 std::string textOr(const nlohmann::json& object, const char* name, std::string fallback = "");
 
 /// For columns that keep JSON as text: a text as it is, anything else as its JSON.
@@ -50,6 +53,13 @@ bool isTooShort(const std::string& password);
 
 inline api::Response passwordTooShort() {
   return api::Response::error(400, "Password must be at least 8 characters");
+}
+
+/// Whether a text has no control characters: an address goes into the headers of mails.
+bool isOneLine(const std::string& text);
+
+inline api::Response invalidEmail() {
+  return api::Response::error(400, "Invalid email address");
 }
 
 }  // namespace tavrel::controller

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
@@ -10,9 +9,7 @@
 #include "controller/routes/account_body.h"
 #include "controller/routes/account_pages.h"
 #include "controller/routes/families.h"
-#include "controller/routes/route_input.h"
 #include "identity/account_service.h"
-#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -63,31 +60,20 @@ Response refusalOf(AccountFault fault, const char* bad_token = "") {
   }
 }
 
-/// The body when it is a JSON object.
-const json* bodyOf(const Request& req) {
-  return req.json() && req.json()->is_object() ? &*req.json() : nullptr;
-}
-
-/// A member that is not a text counts as empty.
-std::string textOf(const json& body, const char* name, const char* missing = "") {
-  const auto member = body.find(name);
-  if (member == body.end()) return missing;
-  return member->is_string() ? member->get<std::string>() : "";
-}
-
-bool hasControls(const std::string& text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](unsigned char c) { return c < 0x20 || c == 0x7F; });
+/// Why the body is no JSON object. Here it may be of any length, and members of a wrong type count
+/// as empty.
+std::optional<Response> refusedObject(const Request& req) {
+  return refusedBody(req, {}, "Invalid JSON body", kAnyLength);
 }
 
 RegistrationForm formOf(const json& body) {
   RegistrationForm form;
-  form.email = textOf(body, "email");
-  form.password = textOf(body, "password");
-  form.name = textOf(body, "name");
-  form.org_name = textOf(body, "org_name");
-  form.org_description = textOf(body, "org_description");
-  form.org_id = textOf(body, "org_id");
+  form.email = textOr(body, "email");
+  form.password = textOr(body, "password");
+  form.name = textOr(body, "name");
+  form.org_name = textOr(body, "org_name");
+  form.org_description = textOr(body, "org_description");
+  form.org_id = textOr(body, "org_id");
   return form;
 }
 
@@ -96,9 +82,7 @@ std::optional<Response> checkForm(RegistrationForm& form, const std::string& typ
   if (form.email.empty() || form.password.empty()) {
     return Response::error(400, "email and password are required");
   }
-  if (isTooShort(form.password)) {
-    return Response::error(400, "Password must be at least 8 characters");
-  }
+  if (isTooShort(form.password)) return passwordTooShort();
   if (type == "organization") {
     form.kind = Kind::kOrganization;
   } else if (type == "user_organization") {
@@ -110,7 +94,7 @@ std::optional<Response> checkForm(RegistrationForm& form, const std::string& typ
   if (form.kind != Kind::kUser && form.org_name.empty()) {
     return Response::error(400, "org_name is required for organization registration");
   }
-  if (hasControls(form.email)) return Response::error(400, "Invalid email address");
+  if (!isOneLine(form.email)) return invalidEmail();
   for (const auto& [name, text] :
        {std::pair("email", &form.email), std::pair("password", &form.password),
         std::pair("name", &form.name), std::pair("org_name", &form.org_name),
@@ -140,10 +124,10 @@ struct AccountRoutes {
   Response registerAccount(const Request& req) const {
     if (!access.full()) return Response::error(403, "Registration requires --auth-mode full");
     if (access.store == nullptr) return noUserStore();
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    RegistrationForm form = formOf(*body);
-    const std::string type = textOf(*body, "registration_type", "user");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    RegistrationForm form = formOf(body);
+    const std::string type = textOr(body, "registration_type", "user");
     if (auto refusal = checkForm(form, type)) return *refusal;
 
     const auto outcome = accounts().registerAccount(form);
@@ -187,9 +171,9 @@ struct AccountRoutes {
 
   Response verify(const Request& req) const {
     if (access.store == nullptr) return noUserStore();
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    const std::string token = textOf(*body, "token");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    const std::string token = textOr(body, "token");
     if (token.empty()) return Response::error(400, "token is required");
     const auto outcome = accounts().verifyEmail(token);
     if (const auto* fault = std::get_if<AccountFault>(&outcome)) {
@@ -202,10 +186,10 @@ struct AccountRoutes {
   Response login(const Request& req) const {
     if (!access.full()) return Response::error(403, "Login requires --auth-mode full");
     if (access.store == nullptr) return noUserStore();
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    const std::string email = textOf(*body, "email");
-    const std::string password = textOf(*body, "password");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    const std::string email = textOr(body, "email");
+    const std::string password = textOr(body, "password");
     if (email.empty() || password.empty()) {
       return Response::error(400, "email and password are required");
     }
@@ -260,10 +244,10 @@ struct AccountRoutes {
     if (access.store == nullptr) return noUserStore();
     const auto session = access.getSessionFromRequest(req);
     if (!session) return notSignedIn();
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    const std::string old_password = textOf(*body, "old_password");
-    const std::string new_password = textOf(*body, "new_password");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    const std::string old_password = textOr(body, "old_password");
+    const std::string new_password = textOr(body, "new_password");
     if (old_password.empty() || new_password.empty()) {
       return Response::error(400, "old_password and new_password are required");
     }
@@ -277,9 +261,9 @@ struct AccountRoutes {
 
   Response forgotPassword(const Request& req) const {
     if (access.store == nullptr) return Response::error(503, "Not available");
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    const std::string email = textOf(*body, "email");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    const std::string email = textOr(body, "email");
     if (email.empty()) return Response::error(400, "email is required");
     accounts().requestPasswordReset(email);
     return Response::ok({{"status", "If the email exists, a reset link has been sent."}});
@@ -298,16 +282,14 @@ struct AccountRoutes {
 
   Response resetPassword(const Request& req) const {
     if (access.store == nullptr) return noUserStore();
-    const json* body = bodyOf(req);
-    if (body == nullptr) return invalidJsonBody();
-    const std::string token = textOf(*body, "token");
-    const std::string new_password = textOf(*body, "new_password");
+    if (auto refusal = refusedObject(req)) return *refusal;
+    const json& body = *req.json();
+    const std::string token = textOr(body, "token");
+    const std::string new_password = textOr(body, "new_password");
     if (token.empty() || new_password.empty()) {
       return Response::error(400, "token and new_password are required");
     }
-    if (isTooShort(new_password)) {
-      return Response::error(400, "Password must be at least 8 characters");
-    }
+    if (isTooShort(new_password)) return passwordTooShort();
     const auto outcome = accounts().resetPassword(token, new_password);
     if (const auto* fault = std::get_if<AccountFault>(&outcome)) {
       return refusalOf(*fault, "Invalid or expired reset token");

@@ -1,4 +1,4 @@
-#include <limits>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -19,8 +19,6 @@ using identity::Session;
 using nlohmann::json;
 namespace crypto = identity::crypto;
 
-/// Conversations may be as long as the server lets a body be.
-constexpr std::size_t kAnyLength = std::numeric_limits<std::size_t>::max();
 constexpr const char* kNotJson = "Invalid JSON body";
 
 constexpr std::initializer_list<BodyMember> kConversationMembers = {
@@ -77,10 +75,10 @@ struct UserDataRoutes {
     if (settings == nullptr || !settings->is_object()) {
       return Response::error(400, "settings object is required");
     }
-    for (const auto& item : settings->items()) {
-      if (!store->setSetting(scopeOf(session), category, item.key(), jsonText(item.value()))) {
-        return Response::error(500, "Failed to save settings");
-      }
+    std::map<std::string, std::string> values;
+    for (const auto& item : settings->items()) values[item.key()] = jsonText(item.value());
+    if (!store->setSettings(scopeOf(session), category, values)) {
+      return Response::error(500, "Failed to save settings");
     }
     return Response::ok({{"status", "saved"}, {"count", settings->size()}});
   }

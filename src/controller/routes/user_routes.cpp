@@ -12,7 +12,6 @@
 #include "identity/crypto.h"
 #include "identity/new_organization.h"
 #include "platform/json_fields.h"
-#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -80,8 +79,7 @@ struct NewAccount {
     if (withOrganization() && org_name.empty()) {
       return Response::error(400, "org_name is required for organization registration");
     }
-    // It goes into the headers of mails.
-    if (platform::singleLine(email) != email) return Response::error(400, "Invalid email address");
+    if (!isOneLine(email)) return invalidEmail();
     return std::nullopt;
   }
 

@@ -183,6 +183,39 @@ TEST(AuthMiddleware, CredentialsDecideOnGuardedPathsOnly) {
   EXPECT_EQ(gate.auth.getApiKey(kAdminKey)->last_used, gate.wall);
 }
 
+TEST(AuthMiddleware, ASessionPassesWhereItsRoutesJudgeItAndNowhereElse) {
+  AuthConfig config = withAdmin();
+  config.requests_per_minute = 8;
+  Gate gate(config);
+  const std::map<std::string, std::string> signed_in = {{"X-Session-Token", "ts_1"}};
+  EXPECT_EQ(outcome(gate.ask("/api/v1/credentials", signed_in)),
+            "401 Authentication required. Provide X-API-Key header or Bearer token.");
+  gate.auth.acceptSessions([](const Request& request) -> std::optional<std::string> {
+    if (request.getHeader("X-Session-Token") != "ts_1") return std::nullopt;
+    return "ts_1";
+  });
+  for (const char* path : {"/api/v1/credentials", "/api/v1/credentials/cred_1",
+                           "/api/v1/quotas/usr_1", "/api/v1/admin/dashboard"}) {
+    EXPECT_EQ(outcome(gate.ask(path, signed_in)), "200 -") << path;
+    EXPECT_EQ(gate.ask(path, {{"X-Session-Token", "ts_2"}}).status, 401) << path;
+  }
+  for (const char* path : {kGuardedPath, "/api/v1/auth/keys", "/api/v1/quotas"}) {
+    EXPECT_EQ(gate.ask(path, signed_in).status, 401) << path;
+  }
+  const std::string path = "/api/v1/credentials";
+  EXPECT_EQ(outcome(gate.ask(path, {{"X-Session-Token", "ts_1"}, {"X-API-Key", "wrong"}})),
+            "401 Invalid API key");
+  // Who has a key as well is known by it, and the request counts for the key.
+  for (const auto& [name, value] :
+       {std::pair<std::string, std::string>("X-API-Key", kAdminKey),
+        std::pair<std::string, std::string>("Authorization", bearer(kAdminKey))}) {
+    EXPECT_EQ(outcome(gate.ask(path, {{"X-Session-Token", "ts_1"}, {name, value}})),
+              "200 Admin Key-");
+  }
+  EXPECT_EQ(repeat(5, [&] { return gate.ask(path, signed_in); }),
+            std::vector<std::string>{"429 Rate limit exceeded"});
+}
+
 TEST(AuthMiddleware, GuestsShareOneBucketThatClusterCallsLeaveAlone) {
   AuthConfig config = forGuests();
   config.admin_key = kAdminKey;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <limits>
+#include <nlohmann/json.hpp>
+#include <thread>
 
 namespace tavrel::controller {
 namespace {
@@ -67,6 +69,25 @@ TEST(ClusterSample, WorkersThatClaimAnyNumberOfCoresDoNotOverflowTheSum) {
                           platform::WallTime{1000s})
                 .total_cores,
             std::numeric_limits<std::int32_t>::max());
+}
+
+TEST(BackgroundLoops, ForgetExpiredTokens) {
+  worker::WorkerRegistry workers;
+  const cluster::RouterRegistry routers;
+  worker::TypedWorkerRegistries typed;
+  metrics::MetricsHistory history;
+  platform::WallTime now{1000s};
+  api::AuthMiddleware auth({[&now] { return now; }, [] { return platform::SteadyTime(1s); }});
+  auth.issueToken("tool", "tool", {}, 60);
+  now += 60s;
+  const std::string kept = auth.issueToken("tool", "tool", {}, 60);
+  BackgroundLoops loops(workers, routers, typed, history, auth);
+  loops.start();
+  for (int i = 0; i < 500 && auth.getStats().at("active_tokens_count") != 1; ++i) {
+    std::this_thread::sleep_for(10ms);
+  }
+  EXPECT_EQ(auth.getStats().at("active_tokens_count"), 1);
+  EXPECT_TRUE(auth.validateToken(kept).has_value());
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "store/database.h"
 #include "user_store_fixture.h"
 
 namespace tavrel::identity {
@@ -114,6 +115,19 @@ TEST_F(Records, SettingsBelongToTheirScope) {
   EXPECT_TRUE(store_->deleteSettingsByScope("user:a"));
   EXPECT_THAT(all("user:a", ""), IsEmpty());
   EXPECT_THAT(all("user:b", ""), ElementsAre(Pair("ui/theme", "light")));
+}
+
+TEST_F(Records, SettingsOfOneCallAreStoredTogetherOrNotAtAll) {
+  ASSERT_TRUE(store_->setSettings("user:a", "ui", {{"theme", "dark"}, {"font", "serif"}}));
+  store::Database other("");
+  ASSERT_TRUE(other.open(path_));
+  ASSERT_TRUE(
+      other.exec("CREATE TRIGGER refuse BEFORE INSERT ON user_settings "
+                 "WHEN NEW.key='theme' BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  EXPECT_FALSE(store_->setSettings("user:a", "ui", {{"font", "sans"}, {"theme", "light"}}));
+  EXPECT_THAT(store_->getSettings("user:a", "ui"),
+              ElementsAre(Field(&UserSettingEntry::value, "serif"),
+                          Field(&UserSettingEntry::value, "dark")));
 }
 
 TEST_F(Records, CredentialsShowToOwnersAndWhenSharedToTheOrganization) {
