@@ -129,7 +129,7 @@ struct Running {
   Descriptor process;  // readable when the program has ended
   Descriptor out;
   Descriptor err;
-  Descriptor stop_event;
+  int stop_event;  // becomes readable when the program is to end
 
   /// Reads until the program has ended, or must end.
   ProgramResult::End watch(const ProgramLimits& limits, ProgramResult& result) {
@@ -138,7 +138,7 @@ struct Running {
         steadyNow() + std::min<std::chrono::milliseconds>(limits.timeout, std::chrono::hours(8760));
     for (;;) {
       pollfd entries[4] = {{process.get(), POLLIN, 0},
-                           {stop_event.get(), POLLIN, 0},
+                           {stop_event, POLLIN, 0},
                            {out.get(), POLLIN, 0},
                            {err.get(), POLLIN, 0}};
       const int ready = ::poll(entries, 4, pollTimeout(deadline));
@@ -171,7 +171,7 @@ ProgramResult runProgram(const std::vector<std::string>& arguments, const Progra
   Pipe out;
   Pipe err;
   const Descriptor in = fileWith(input);
-  Descriptor event(::eventfd(0, EFD_CLOEXEC));
+  const Descriptor event(::eventfd(0, EFD_CLOEXEC));  // outlives the callback that writes to it
   if (!out.read.valid() || !err.read.valid() || !in.valid() || !event.valid()) {
     return notStarted(errno);
   }
@@ -188,7 +188,7 @@ ProgramResult runProgram(const std::vector<std::string>& arguments, const Progra
   const BlockingScope blocking;
   ProgramResult result;
   Running running{child, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))),
-                  std::move(out.read), std::move(err.read), std::move(event)};
+                  std::move(out.read), std::move(err.read), event.get()};
   result.end =
       running.process.valid() ? running.watch(limits, result) : ProgramResult::End::kStopped;
   // The leader has not been waited for, so its number still stands for this group.
