@@ -4,6 +4,7 @@
 #include <array>
 #include <utility>
 
+#include "api/request_head.h"
 #include "platform/text.h"
 
 namespace tavrel::api {
@@ -71,17 +72,11 @@ bool readRequestLine(std::string_view line, Request& request) {
          readQuery(target, request);
 }
 
-std::string_view trimmed(std::string_view text) {
-  while (text.starts_with(' ')) text.remove_prefix(1);
-  while (text.ends_with(' ')) text.remove_suffix(1);
-  return text;
-}
-
 bool readField(std::string_view line, Request& request, bool& asks_to_close) {
   const std::size_t colon = line.find(':');
   if (colon == std::string_view::npos || colon == 0) return false;
   const std::string_view name = line.substr(0, colon);
-  const std::string_view value = trimmed(line.substr(colon + 1));
+  const std::string_view value = withoutBlanks(line.substr(colon + 1));
   if (value.empty() || !allAre(value, isPlainInValue) || !allAre(name, isPlainInTarget)) {
     return false;
   }

@@ -1,13 +1,15 @@
 #include "api/request_head.h"
 
-#include <strings.h>
-
 #include <algorithm>
 #include <charconv>
 #include <optional>
 
+#include "platform/text.h"
+
 namespace tavrel::api {
 namespace {
+
+using platform::equalsIgnoringCase;
 
 constexpr std::string_view kLineEnd = "\r\n";
 constexpr std::string_view kHeadEnd = "\r\n\r\n";
@@ -21,17 +23,6 @@ RequestHead refuse(int status) {
   head.state = RequestHead::State::kRefused;
   head.refusal = status;
   return head;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && ::strncasecmp(a.data(), b.data(), a.size()) == 0;
-}
-
-std::string_view trimmed(std::string_view text) {
-  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
-  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
-  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
-  return text;
 }
 
 std::optional<std::uint64_t> decimal(std::string_view text) {
@@ -67,7 +58,7 @@ int readField(std::string_view line, RequestHead& head, bool& has_length) {
   }
   if (line.size() + kLineEnd.size() > kMaxFieldBytes) return 431;
   const std::string_view name = line.substr(0, colon);
-  const std::string_view value = trimmed(line.substr(colon + 1));
+  const std::string_view value = withoutBlanks(line.substr(colon + 1));
   if (equalsIgnoringCase(name, "Content-Length")) {
     const auto length = decimal(value);
     if (!length || has_length) return 400;
@@ -83,6 +74,13 @@ int readField(std::string_view line, RequestHead& head, bool& has_length) {
 }
 
 }  // namespace
+
+std::string_view withoutBlanks(std::string_view text) {
+  const auto blank = [](char c) { return c == ' ' || c == '\t'; };
+  while (!text.empty() && blank(text.front())) text.remove_prefix(1);
+  while (!text.empty() && blank(text.back())) text.remove_suffix(1);
+  return text;
+}
 
 RequestHead scanRequestHead(std::string_view input, const HeadLimits& limits,
                             std::size_t& searched) {

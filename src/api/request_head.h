@@ -32,6 +32,9 @@ struct HeadLimits {
   std::uint64_t max_body_bytes;
 };
 
+/// The value of a field without the blanks around it.
+std::string_view withoutBlanks(std::string_view text);
+
 /// Looks for a whole head at the start of `input`. `searched` is how much of it an earlier call has
 /// looked at without finding the end; it is brought up to date.
 ///
