@@ -51,7 +51,7 @@ struct ClusterConfig {
   std::int32_t queue_length = 100;                                    ///< kept
   DataWorkerConfig data_workers;                                      ///< reported
 
-  std::string advertise_address;  ///< where others reach this node; empty: its first local address
+  std::string advertise_address;  ///< where others reach this node
   std::int32_t api_port = 0;      ///< and the port of its HTTP server; 0: the discovery port
 
   nlohmann::json toJson() const;

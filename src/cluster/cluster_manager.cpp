@@ -22,17 +22,11 @@ namespace {
 constexpr const char* kNodeVersion = "4.1.0";
 constexpr std::size_t kMaxHealthAnswerBytes = std::size_t{1} << 20;
 
-std::string localAddress(const ClusterConfig& config) {
-  if (!config.advertise_address.empty()) return config.advertise_address;
-  const std::vector<std::string> addresses = platform::getLocalIPs();
-  return addresses.empty() ? "127.0.0.1" : addresses.front();
-}
-
 NodeInfo selfRecord(const ClusterConfig& config, const std::string& id, platform::SteadyTime now) {
   NodeInfo self;
   self.id = id;
   self.hostname = platform::getHostname();
-  self.address = localAddress(config);
+  self.address = config.advertise_address;
   self.api_port = config.api_port != 0 ? config.api_port : config.discovery_port;
   self.type = config.node_type;
   self.status = NodeStatus::kStarting;

@@ -165,6 +165,11 @@ std::vector<ConnectedController> ControllerTiers::children() const {
   return list;
 }
 
+std::size_t ControllerTiers::connectedCount() const {
+  const MutexLock lock(mu_);
+  return controllers_.size();
+}
+
 json ControllerTiers::list() const {
   json controllers = json::array();
   for (const ConnectedController& controller : children()) {

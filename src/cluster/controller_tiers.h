@@ -102,6 +102,7 @@ class ControllerTiers {
   bool registerWithParent();
 
   nlohmann::json list() const TV_EXCLUDES(mu_);
+  std::size_t connectedCount() const TV_EXCLUDES(mu_);
   platform::Outcome connect(const nlohmann::json& body) TV_EXCLUDES(mu_);
   platform::Outcome disconnect(const std::string& id) TV_EXCLUDES(mu_);
   /// `hops`: how many controllers the question has passed.

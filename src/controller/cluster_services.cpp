@@ -16,19 +16,6 @@ using platform::printLine;
 constexpr std::int32_t kDefaultPeerPort = 8080;
 constexpr std::size_t kDispatchers = 4;
 
-std::string clusterKey(const Options& options) {
-  if (!options.cluster_key.empty()) return options.cluster_key;
-  const char* key = std::getenv("TAVREL_CLUSTER_KEY");
-  return key == nullptr ? "" : key;
-}
-
-/// Empty: the cluster manager takes the first local address.
-std::string advertisedAddress(const Options& options) {
-  if (!options.advertise_address.empty()) return options.advertise_address;
-  const std::string& bind = options.bind_address;
-  return bind == "0.0.0.0" || bind == "::" ? "" : bind;
-}
-
 cluster::ClusterConfig clusterConfig(const Options& options, const ControllerIdentity& self) {
   cluster::ClusterConfig config;
   config.cluster_id = options.cluster_id;
@@ -37,7 +24,7 @@ cluster::ClusterConfig clusterConfig(const Options& options, const ControllerIde
   config.seed_nodes = options.seeds;
   config.discovery_port = options.port;
   config.api_port = options.port;
-  config.advertise_address = advertisedAddress(options);
+  config.advertise_address = self.address;
   return config;
 }
 
@@ -52,6 +39,12 @@ std::unique_ptr<cluster::GossipProtocol> makeGossip(const Options& options,
 }
 
 }  // namespace
+
+std::string clusterKey(const Options& options) {
+  if (!options.cluster_key.empty()) return options.cluster_key;
+  const char* key = std::getenv("TAVREL_CLUSTER_KEY");
+  return key == nullptr ? "" : key;
+}
 
 ClusterServices::ClusterServices(const Options& options, const ControllerIdentity& self)
     : membership_transport(membership_http, clusterKey(options)),

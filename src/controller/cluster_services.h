@@ -21,6 +21,9 @@ namespace tavrel::controller {
 struct ControllerIdentity;
 struct Options;
 
+/// What calls to other controllers carry: the option, else the environment's; empty: nothing.
+std::string clusterKey(const Options& options);
+
 /// What exists only while cluster mode is on, in order of creation. Constructing it starts nothing.
 ///
 /// Threads: start belongs to start-up; stop may be called by several, and returns to each when

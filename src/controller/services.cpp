@@ -1,8 +1,6 @@
 #include "controller/services.h"
 
 #include "platform/files.h"
-#include "platform/host.h"
-#include "platform/random.h"
 
 namespace tavrel::controller {
 namespace {
@@ -44,8 +42,7 @@ inference::OpenAiSettings openAiSettings(const Options& options) {
 }  // namespace
 
 Services::Services(const Options& options)
-    : self{options.node_id.empty() ? platform::generateUUID() : options.node_id,
-           platform::getHostname()},
+    : self(identityOf(options)),
       events(events::EventStreamService::instance()),
       collector(metrics::MetricsCollector::getInstance()),
       history(metrics::MetricsHistory::instance()),
@@ -72,5 +69,10 @@ Services::Services(const Options& options)
       openai(workers, worker_connections, experts, local_server, collector,
              openAiSettings(options)),
       loops(workers, routers, typed, history, auth) {}
+
+void Services::createHierarchy(const Options& options) {
+  hierarchy =
+      std::make_unique<HierarchyServices>(options, self, http, workers, routers, ai_control);
+}
 
 }  // namespace tavrel::controller

@@ -17,6 +17,7 @@
 #include "controller/cluster_services.h"
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
+#include "controller/hierarchy_services.h"
 #include "controller/routes/account_access.h"
 #include "events/event_stream_service.h"
 #include "identity/user_store.h"
@@ -45,6 +46,9 @@ namespace tavrel::controller {
 /// they are destroyed in reverse. Owned by start-up; constructing it starts nothing.
 struct Services {
   explicit Services(const Options& options);
+
+  /// Throws as HierarchyServices does.
+  void createHierarchy(const Options& options);
 
   ControllerIdentity self;
   api::AuthMiddleware auth;
@@ -86,11 +90,14 @@ struct Services {
   inference::ChatProxy chat;
   inference::OpenAiGateway openai;
 
+  /// Null until createHierarchy; the routes need it.
+  std::unique_ptr<HierarchyServices> hierarchy;
+
   api::HttpServer server;
   BackgroundLoops loops;
 };
 
-/// Offers every family's routes.
+/// Offers every family's routes. The hierarchy must have been created.
 void addAllRoutes(api::RouteBook& book, Services& services);
 
 }  // namespace tavrel::controller

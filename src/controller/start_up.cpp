@@ -6,6 +6,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <exception>
+#include <memory>
+#include <stdexcept>
 #include <thread>
 
 #include "controller/account_start_up.h"
@@ -157,9 +159,37 @@ bool startCluster(Services& services, const Options& options) {
   return services.cluster->start(tierName(options.tier));
 }
 
+/// False: the start ends here, and why is on standard error.
+bool startHierarchy(Services& services, const Options& options) {
+  printLine("[Controller] Initializing controller hierarchy...");
+  if (options.sub_controller && options.master_url.empty()) {
+    printError("[Controller] Error: --master-url is required when running as sub-controller");
+    return false;
+  }
+  try {
+    services.createHierarchy(options);
+  } catch (const std::invalid_argument& error) {
+    printError(std::string("[Controller] The master's URL is ") + error.what());
+  }
+  if (services.hierarchy == nullptr || !services.hierarchy->hierarchy.initialize()) {
+    printError("[Controller] Failed to initialize controller hierarchy");
+    return false;
+  }
+  if (!services.hierarchy->hierarchy.start()) {
+    if (g_shutdown_requested) return true;
+    printError("[Controller] Failed to start controller hierarchy");
+    return false;
+  }
+  printLine("[Controller] Controller hierarchy initialized as " +
+            controllerRoleToString(services.hierarchy->hierarchy.role()));
+  return true;
+}
+
 void registerRoutes(Services& services) {
   api::RouteBook book;
+  printLine("[Controller] Registering orchestrator API routes...");
   addAllRoutes(book, services);
+  printLine("[Controller] Orchestrator API routes registered");
   registerCatalogue(services.server, book);
   services.server.use(requestLogger());
   services.server.use(requestMetrics(services.collector));
@@ -173,6 +203,7 @@ void beginShutdown(Services& services, int signal, const std::atomic<bool>& star
   g_shutdown_requested = true;
   if (!started) {
     if (services.cluster != nullptr) services.cluster->hurry();
+    services.http.cancelAll();  // a master that is slow to answer
     return;
   }
   services.server.stop();
@@ -190,15 +221,16 @@ bool startServer(Services& services, const Options& options) {
     g_shutdown_requested = true;
     return false;
   }
-  if (options.port == 0) {
-    printLine("[Controller] Listening on " + address + std::to_string(services.server.getPort()));
-  }
+  const int port = services.server.getPort();
+  if (options.port == 0) printLine("[Controller] Listening on " + address + std::to_string(port));
+  services.hierarchy->startCalls(port);
   return true;
 }
 
 void finish(Services& services) {
   cancelWork(services);
   if (services.cluster != nullptr) services.cluster->stop();
+  if (services.hierarchy != nullptr) services.hierarchy->stop();
   services.loops.stop();
   services.pull_jobs.stop();
   services.events.stop();
@@ -229,6 +261,7 @@ int runController(const std::vector<std::string>& arguments) {
   std::atomic<bool> started = false;
   signals.start([&](int signal) { beginShutdown(services, signal, started); });
   bool good = startCluster(services, options);
+  if (good && !g_shutdown_requested) good = startHierarchy(services, options);
   if (good && !g_shutdown_requested) {
     registerRoutes(services);
     good = startServer(services, options);

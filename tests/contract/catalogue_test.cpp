@@ -18,6 +18,7 @@ api::Response nothing(api::Context&, const api::Request&) {
 
 TEST(Catalogue, EveryRouteIsOfferedOrListedAndInOrder) {
   Services services{Options{}};
+  services.createHierarchy({});
   api::RouteBook book;
   addAllRoutes(book, services);
   api::HttpServer server;
@@ -41,6 +42,7 @@ TEST(Catalogue, ATableThatDisagreesWithTheCodeIsRefused) {
 
 TEST(Catalogue, EveryRouteIsReachedUnderItsPath) {
   Services services{Options{}};
+  services.createHierarchy({});
   api::RouteBook book;
   addAllRoutes(book, services);
   // What the handlers do is tested elsewhere: here each only says which route it stands for.

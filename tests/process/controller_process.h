@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -12,6 +13,13 @@ namespace tavrel::test {
 
 inline const std::string kController = TAVREL_BUILD_DIR "/tavrel-controller";
 inline const std::string kDevWorker = TAVREL_BUILD_DIR "/tavrel-dev-worker";
+
+/// The JSON body of an answer; discarded when it has none.
+inline nlohmann::json jsonOf(const std::string& answer) {
+  const std::size_t blank = answer.find("\r\n\r\n");
+  return nlohmann::json::parse(blank == std::string::npos ? "" : answer.substr(blank + 4), nullptr,
+                               false);
+}
 
 /// A controller on a port of the loopback interface (0: whichever is free), asked over HTTP.
 class Controller {

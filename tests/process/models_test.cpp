@@ -19,11 +19,6 @@ namespace {
 using namespace std::chrono_literals;
 using nlohmann::json;
 
-json jsonOf(const std::string& answer) {
-  const std::size_t blank = answer.find("\r\n\r\n");
-  return json::parse(blank == std::string::npos ? "" : answer.substr(blank + 4), nullptr, false);
-}
-
 /// A controller with a few development workers that have told it of themselves.
 class Fleet {
  public:

@@ -4,6 +4,7 @@
 
 #include "api/route_book.h"
 #include "cluster/cluster_manager.h"
+#include "cluster/controller_tiers.h"
 #include "cluster/router_registry.h"
 #include "controller/routes/families.h"
 #include "net/http_client.h"
@@ -26,7 +27,7 @@ struct ClusterOverviewRoutes : testing::Test {
   }
   JsonReply get(const std::string& path, const cluster::ClusterManager* manager = nullptr) {
     api::RouteBook book;
-    controller::addClusterOverviewRoutes(book, manager, workers, routers, typed);
+    controller::addClusterOverviewRoutes(book, manager, tiers, workers, routers, typed);
     const TestServer server(book);
     return JsonClient(server).get(path);
   }
@@ -34,6 +35,9 @@ struct ClusterOverviewRoutes : testing::Test {
   worker::WorkerRegistry workers;
   cluster::RouterRegistry routers;
   worker::TypedWorkerRegistries typed;
+  net::HttpClient http;
+  cluster::HttpControllerTransport calls{http, ""};
+  cluster::ControllerTiers tiers{{}, workers, routers, {calls}};
 };
 
 TEST_F(ClusterOverviewRoutes, NodesAreThoseOfTheClusterAndThenTheWorkers) {
@@ -53,7 +57,6 @@ TEST_F(ClusterOverviewRoutes, NodesAreThoseOfTheClusterAndThenTheWorkers) {
                             {"version", ""}}));
   EXPECT_EQ(nodes[1]["status"], "offline");
 
-  net::HttpClient http;
   cluster::HttpClusterTransport transport(http, "");
   cluster::NodeRegistry registry;
   cluster::ClusterConfig config;

@@ -5,7 +5,7 @@
 #include "api/route_book.h"
 #include "cluster/controller_tiers.h"
 #include "cluster/router_registry.h"
-#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/families.h"
 #include "support/json_client.h"
 #include "support/mock_peer.h"
 #include "support/test_server.h"

@@ -9,7 +9,7 @@
 #include "controller/hierarchy/command_executor.h"
 #include "controller/hierarchy/controller_hierarchy.h"
 #include "controller/hierarchy/edge_servers.h"
-#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/families.h"
 #include "net/http_client.h"
 #include "support/json_client.h"
 #include "support/mock_peer.h"
@@ -283,6 +283,27 @@ TEST(EdgeServerRoutes, EdgeServersAnnounceThemselves) {
             (json{{"status", "ok"}, {"edge_id", "new"}, {"auto_registered", true}}));
   EXPECT_EQ(client.get("/api/v1/edges").json["count"], 3);
   EXPECT_EQ(client.get("/api/v1/edges/unknown").status, 404);
+}
+
+TEST(EdgeServerRoutes, AFloodOfEdgesIsBounded) {
+  controller::EdgeServers edges;
+  const platform::WallTime start = platform::wallNow();
+  for (std::size_t i = 0; i <= controller::EdgeServers::kMost; ++i) {
+    edges.heartbeat(std::to_string(i), json::object(), start + std::chrono::milliseconds(i));
+  }
+  EXPECT_EQ(edges.all().size(), controller::EdgeServers::kMost);
+  EXPECT_FALSE(edges.find("0"));
+
+  Controller master(ControllerRole::kMaster);
+  for (std::size_t i = 0; i < ControllerHierarchy::kMostEdges; ++i) {
+    controller::EdgeNodeInfo edge;
+    edge.id = std::to_string(i);
+    ASSERT_TRUE(master.hierarchy.deployEdge(std::move(edge)));
+  }
+  EXPECT_EQ(master.client.post("/api/v1/edges", {{"address", "10.0.0.1"}}).error(),
+            "Failed to add edge");
+  EXPECT_EQ(master.client.post("/api/v1/edges", {{"address", "10.0.0.1"}, {"id", "1"}}).status,
+            200);
 }
 
 }  // namespace

@@ -40,6 +40,7 @@ std::vector<Record> valuesOf(const std::map<std::string, Record>& map) {
 ControllerHierarchy::ControllerHierarchy(HierarchyConfig config, HierarchyEnvironment env)
     : config_(std::move(config)),
       env_(std::move(env)),
+      port_(config_.port),
       task_("hierarchy", std::chrono::milliseconds(config_.heartbeat_interval_ms),
             std::chrono::milliseconds(config_.heartbeat_interval_ms),
             [this](const std::stop_token&) {
@@ -287,14 +288,16 @@ std::vector<SubControllerInfo> ControllerHierarchy::getSubControllers() const {
   return valuesOf(subs_);
 }
 
-void ControllerHierarchy::deployEdge(EdgeNodeInfo info) {
+bool ControllerHierarchy::deployEdge(EdgeNodeInfo info) {
   requireOperation(ControllerOperation::kDeployEdge);
   env_.print("[Hierarchy] Registering edge node: " + info.id + " (" + info.address + ")");
   {
     const MutexLock lock(edges_mu_);
+    if (edges_.size() >= kMostEdges && !edges_.contains(info.id)) return false;
     edges_[info.id] = std::move(info);
   }
   env_.print("[Hierarchy] Edge node registered successfully");
+  return true;
 }
 
 bool ControllerHierarchy::removeEdge(const std::string& id) {

@@ -57,6 +57,8 @@ class ControllerHierarchy {
  public:
   using CommandCallback = std::function<void(const MasterCommand&)>;
 
+  /// Whoever may plan edge nodes cannot fill the memory with them.
+  static constexpr std::size_t kMostEdges = 10'000;
   static constexpr net::Timeouts kCallTimeouts{std::chrono::seconds{5}, std::chrono::seconds{10}};
 
   /// The transport must outlive it.
@@ -70,6 +72,10 @@ class ControllerHierarchy {
   /// False when this is a sub and its master does not take it.
   bool start();
   void stop();
+
+  /// The port that the server got, where the configuration left it to the system. The master hears
+  /// of it with the next sign of life.
+  void setPort(std::int32_t port) { port_ = port; }
 
   ControllerRole role() const { return config_.role; }
   const std::string& id() const { return config_.controller_id; }
@@ -100,7 +106,8 @@ class ControllerHierarchy {
   void checkSubControllerHealth() TV_EXCLUDES(subs_mu_);
   std::vector<SubControllerInfo> getSubControllers() const TV_EXCLUDES(subs_mu_);
 
-  void deployEdge(EdgeNodeInfo info) TV_EXCLUDES(edges_mu_);
+  /// False when no more edge nodes are kept.
+  bool deployEdge(EdgeNodeInfo info) TV_EXCLUDES(edges_mu_);
   bool removeEdge(const std::string& id) TV_EXCLUDES(edges_mu_);
   std::optional<EdgeNodeInfo> edgeNode(const std::string& id) const TV_EXCLUDES(edges_mu_);
   std::vector<EdgeNodeInfo> getEdgeNodes() const TV_EXCLUDES(edges_mu_);
@@ -143,6 +150,7 @@ class ControllerHierarchy {
   const HierarchyConfig config_;
   const HierarchyEnvironment env_;
   std::vector<CommandCallback> callbacks_;
+  std::atomic<std::int32_t> port_;
   std::atomic<bool> running_{false};
   std::atomic<std::int64_t> last_id_{0};
   CommandBook book_;

@@ -39,7 +39,7 @@ json ControllerHierarchy::selfDescription() const {
   const LocalCounts counts = env_.counts();
   return {{"version", kHierarchyVersion},   {"type", "sub_controller"},
           {"id", config_.controller_id},    {"name", config_.name},
-          {"address", config_.address},     {"port", config_.port},
+          {"address", config_.address},     {"port", port_.load()},
           {"region", config_.region},       {"tier_id", config_.tier_id},
           {"worker_count", counts.workers}, {"router_count", counts.routers}};
 }

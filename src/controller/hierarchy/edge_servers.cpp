@@ -1,5 +1,6 @@
 #include "controller/hierarchy/edge_servers.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "platform/json_fields.h"
@@ -53,7 +54,15 @@ EdgeServer EdgeServers::registerEdge(const json& body, platform::WallTime now) {
   if (edge.edge_id.empty()) edge.edge_id = "edge-" + platform::randomHex(kIdDigits);
   const MutexLock lock(mu_);
   edges_[edge.edge_id] = edge;
+  forgetSurplus();
   return edge;
+}
+
+void EdgeServers::forgetSurplus() {
+  if (edges_.size() <= kMost) return;
+  edges_.erase(std::min_element(edges_.begin(), edges_.end(), [](const auto& a, const auto& b) {
+    return a.second.last_heartbeat < b.second.last_heartbeat;
+  }));
 }
 
 bool EdgeServers::heartbeat(const std::string& id, const json& body, platform::WallTime now) {
@@ -64,6 +73,7 @@ bool EdgeServers::heartbeat(const std::string& id, const json& body, platform::W
   if (added) {
     edge = std::move(sent);
     edge.edge_id = id;
+    forgetSurplus();
     return true;
   }
   edge.status = "online";

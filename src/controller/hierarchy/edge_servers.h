@@ -37,6 +37,10 @@ struct EdgeServer {
 /// throw nlohmann's exception and change nothing.
 class EdgeServers {
  public:
+  /// Anybody may announce edge servers: beyond so many the one that was silent longest is
+  /// forgotten.
+  static constexpr std::size_t kMost = 10'000;
+
   /// One without an "edge_id" gets "edge-" and 8 hexadecimal digits.
   EdgeServer registerEdge(const nlohmann::json& body, platform::WallTime now) TV_EXCLUDES(mu_);
   /// True when the edge was unknown and is registered now.
@@ -46,6 +50,8 @@ class EdgeServers {
   std::vector<EdgeServer> all() const TV_EXCLUDES(mu_);
 
  private:
+  void forgetSurplus() TV_REQUIRES(mu_);
+
   mutable platform::Mutex mu_;
   std::map<std::string, EdgeServer> edges_ TV_GUARDED_BY(mu_);
 };

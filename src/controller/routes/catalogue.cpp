@@ -449,6 +449,9 @@ constexpr CatalogueRow kCatalogue[] = {
     {"POST", "/v1/embeddings", kPlain, kOpen},
     // Additions: what became of a task.
     {"GET", "/api/v1/cluster/workers/tasks/:task_id", kPlain, kGuarded},
+    // Additions: what master and sub-controllers tell each other.
+    {"POST", "/api/v1/hierarchy/command", kPlain, kGuarded},
+    {"POST", "/api/v1/hierarchy/status", kPlain, kGuarded},
 };
 // clang-format on
 

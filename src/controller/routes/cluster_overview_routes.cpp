@@ -5,6 +5,7 @@
 
 #include "api/route_book.h"
 #include "cluster/cluster_manager.h"
+#include "cluster/controller_tiers.h"
 #include "cluster/router_registry.h"
 #include "controller/routes/families.h"
 #include "platform/text.h"
@@ -93,6 +94,7 @@ struct Tally {
 
 struct ClusterOverviewRoutes {
   const cluster::ClusterManager* manager;
+  const cluster::ControllerTiers& tiers;
   const worker::WorkerRegistry& workers;
   const cluster::RouterRegistry& routers;
   const worker::TypedWorkerRegistries& typed;
@@ -117,10 +119,9 @@ struct ClusterOverviewRoutes {
   }
 
   Response status() const {
-    // Other controllers are connected by a subsystem that has not joined: this one is alone.
-    constexpr std::size_t kControllers = 1;
-    json components = {{"controllers", {{"count", kControllers}, {"online", kControllers}}}};
-    std::size_t online = kControllers;
+    const std::size_t controllers = tiers.connectedCount() + 1;
+    json components = {{"controllers", {{"count", controllers}, {"online", controllers}}}};
+    std::size_t online = controllers;
     const auto enter = [&](const char* key, const Tally& tally) {
       online += tally.online;
       components[key] = tally.toJson();
@@ -183,10 +184,11 @@ struct ClusterOverviewRoutes {
 }  // namespace
 
 void addClusterOverviewRoutes(api::RouteBook& book, const cluster::ClusterManager* manager,
+                              const cluster::ControllerTiers& tiers,
                               const worker::WorkerRegistry& workers,
                               const cluster::RouterRegistry& routers,
                               const worker::TypedWorkerRegistries& typed) {
-  const ClusterOverviewRoutes h{manager, workers, routers, typed};
+  const ClusterOverviewRoutes h{manager, tiers, workers, routers, typed};
   book.get("/api/v1/cluster/status", [h](auto&, auto&) { return h.status(); });
   book.get("/api/v1/cluster/resources", [h](auto&, auto&) { return h.resources(); });
   book.get("/api/v1/cluster/nodes", [h](auto&, auto&) { return h.nodes(); });

@@ -4,7 +4,7 @@
 
 #include "api/route_book.h"
 #include "cluster/controller_tiers.h"
-#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/json_fields.h"
 

@@ -4,7 +4,7 @@
 
 #include "api/route_book.h"
 #include "controller/hierarchy/edge_servers.h"
-#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/console.h"
 

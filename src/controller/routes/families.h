@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 
 namespace tavrel::ai {
@@ -15,6 +17,7 @@ class RouteBook;
 namespace tavrel::cluster {
 class AgentRegistry;
 class ClusterManager;
+class ControllerTiers;
 class GossipProtocol;
 class LLMPool;
 class LoadBalancer;
@@ -63,12 +66,19 @@ class WorkerRegistry;
 
 namespace tavrel::controller {
 struct AccountAccess;
+class ControllerHierarchy;
 struct ControllerIdentity;
+struct EdgeNodeInfo;
+class EdgeServers;
 }  // namespace tavrel::controller
 
 // The contents page of the API: one function for every family of routes. What they get must outlive
 // the server.
 namespace tavrel::controller {
+
+/// Begins to install an edge node, in the background; false when it cannot. The second value is the
+/// body of the request, null without one.
+using EdgeInstaller = std::function<bool(const EdgeNodeInfo&, const nlohmann::json& request)>;
 
 void addAuthRoutes(api::RouteBook& book, api::AuthMiddleware& auth, const AccountAccess& access);
 /// Registration, sessions, passwords and what mails link to.
@@ -100,6 +110,7 @@ void addClusterRoutes(api::RouteBook& book, cluster::ClusterManager* manager,
                       cluster::NodeRegistry* registry, cluster::GossipProtocol* gossip);
 /// What the whole cluster consists of; `manager` may be null.
 void addClusterOverviewRoutes(api::RouteBook& book, const cluster::ClusterManager* manager,
+                              const cluster::ControllerTiers& tiers,
                               const worker::WorkerRegistry& workers,
                               const cluster::RouterRegistry& routers,
                               const worker::TypedWorkerRegistries& typed);
@@ -110,6 +121,14 @@ void addWorkerPoolRoutes(api::RouteBook& book, const cluster::LoadBalancer* bala
 /// process.
 void addClusterAgentRoutes(api::RouteBook& book, const cluster::LLMPool* llm_pool,
                            cluster::AgentRegistry* agents, const inference::AgentHost& host);
+/// Master and sub-controllers, their commands, and the planned edge nodes. Without an installer no
+/// edge can be deployed. What is given must outlive the server.
+void addHierarchyRoutes(api::RouteBook& book, ControllerHierarchy& hierarchy,
+                        EdgeInstaller install_edge);
+/// The edge servers that announce themselves.
+void addEdgeServerRoutes(api::RouteBook& book, EdgeServers& edges);
+/// Parent, connected controllers, and the jobs passed on between them.
+void addControllerRoutes(api::RouteBook& book, cluster::ControllerTiers& tiers);
 void addRouterRoutes(api::RouteBook& book, cluster::RouterRegistry& routers);
 void addTypedWorkerRoutes(api::RouteBook& book, worker::TypedWorkerRegistries& typed,
                           const worker::WorkerRegistry& workers,

@@ -4,7 +4,7 @@
 
 #include "api/route_book.h"
 #include "controller/hierarchy/controller_hierarchy.h"
-#include "controller/routes/hierarchy_families.h"
+#include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/console.h"
 #include "platform/json_fields.h"
@@ -115,7 +115,7 @@ struct OperatorRoutes {
     readEdgeNode(*req.json(), edge);
     if (edge.address.empty()) return Response::error(400, "address is required");
     if (edge.id.empty()) edge.id = hierarchy.newId("edge-");
-    hierarchy.deployEdge(edge);
+    if (!hierarchy.deployEdge(edge)) return Response::error(500, "Failed to add edge");
     return Response::ok({{"success", true}, {"edge", edge.toJson()}});
   }
 

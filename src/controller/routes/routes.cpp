@@ -7,6 +7,7 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   ClusterServices* const c = s.cluster.get();
   cluster::ClusterManager* const manager = c == nullptr ? nullptr : &c->manager;
   cluster::NodeRegistry* const nodes = c == nullptr ? nullptr : &c->nodes;
+  addHierarchyRoutes(book, s.hierarchy->hierarchy, nullptr);
   addAuthRoutes(book, s.auth, s.accounts);
   addAccountRoutes(book, s.accounts, s.smtp);
   addSmtpRoutes(book, s.accounts, s.smtp);
@@ -24,11 +25,13 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
                   });
   addTypedWorkerRoutes(book, s.typed, s.workers, s.events);
   addClusterRoutes(book, manager, nodes, c == nullptr ? nullptr : c->gossip.get());
-  addClusterOverviewRoutes(book, manager, s.workers, s.routers, s.typed);
+  addClusterOverviewRoutes(book, manager, s.hierarchy->tiers, s.workers, s.routers, s.typed);
   addWorkerPoolRoutes(book, c == nullptr ? nullptr : &c->balancer,
                       c == nullptr ? nullptr : &c->worker_pool, s.task_executor);
   addClusterAgentRoutes(book, c == nullptr ? nullptr : &c->llm_pool,
                         c == nullptr ? nullptr : &c->agents, s.agent_host);
+  addEdgeServerRoutes(book, s.hierarchy->edge_servers);
+  addControllerRoutes(book, s.hierarchy->tiers);
   addRouterRoutes(book, s.routers);
   addModelListRoutes(book, s.models);
   addModelRoutes(book, s.workers, s.pull_jobs, s.distribution, s.worker_client,
