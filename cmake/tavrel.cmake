@@ -17,6 +17,10 @@ if(TAVREL_SANITIZER MATCHES "address" AND CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   # g++ 12 sees uninitialised members in the standard library's <regex> once that is instrumented.
   target_compile_options(tavrel_settings INTERFACE -Wno-maybe-uninitialized)
 endif()
+if(CMAKE_UNITY_BUILD)
+  # Several files are compiled as one: what is private to a file then looks as if it came from a header.
+  target_compile_options(tavrel_settings INTERFACE -Wno-subobject-linkage)
+endif()
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
