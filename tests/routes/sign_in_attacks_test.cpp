@@ -7,6 +7,7 @@
 
 #include "identity/crypto.h"
 #include "routes/account_server.h"
+#include "store/database.h"
 #include "support/raw_client.h"
 
 namespace tavrel::controller {
@@ -123,6 +124,19 @@ TEST_F(SignInAttacks, LongBodiesAreRefusedWhileTheyArrive) {
                                            {"org_description", longest}})
                 .status,
             201);
+}
+
+TEST_F(SignInAttacks, ASessionThatCouldNotBeEndedIsNotSaidToBe) {
+  store::Database full_disk("");
+  ASSERT_TRUE(full_disk.open(server_.directory.file("users.db")));
+  ASSERT_TRUE(
+      full_disk.exec("CREATE TRIGGER refuse BEFORE DELETE ON sessions "
+                     "BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  const httplib::Headers ada = server_.signedIn(admin_token_);
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).refusal(), "500 Failed to end session");
+  ASSERT_TRUE(full_disk.exec("DROP TRIGGER refuse"));
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).status, 200);
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).status, 200) << "no session is no fault";
 }
 
 TEST_F(SignInAttacks, NobodyMakesHimselfMoreThanHeIs) {

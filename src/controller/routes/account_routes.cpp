@@ -237,8 +237,12 @@ struct AccountRoutes {
   }
 
   Response logout(const Request& req) const {
-    if (access.store != nullptr) access.store->deleteSession(sessionTokenOf(req));
     Response response = Response::ok({{"status", "logged_out"}});
+    const std::string token = sessionTokenOf(req);
+    if (access.store != nullptr && !access.store->deleteSession(token) &&
+        access.store->validateSession(token)) {
+      response = Response::error(500, "Failed to end session");
+    }
     response.headers["Set-Cookie"] = kClearingCookie;
     return response;
   }
