@@ -91,6 +91,8 @@ class SqliteUserStore final : public UserStore {
   void resetDailyQuotas() override TV_EXCLUDES(mu_);
 
   bool createConversation(const ChatConversation& conversation) override TV_EXCLUDES(mu_);
+  std::optional<std::size_t> importConversations(
+      const std::vector<ChatConversation>& conversations) override TV_EXCLUDES(mu_);
   std::optional<ChatConversation> getConversation(const std::string& id) override TV_EXCLUDES(mu_);
   std::vector<ChatConversation> listConversations(const std::string& user_id,
                                                   bool include_archived) override TV_EXCLUDES(mu_);

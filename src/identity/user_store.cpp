@@ -93,6 +93,10 @@ void UserStore::resetDailyQuotas() {}
 bool UserStore::createConversation(const ChatConversation& /*conversation*/) {
   return false;
 }
+std::optional<std::size_t> UserStore::importConversations(
+    const std::vector<ChatConversation>& /*conversations*/) {
+  return std::nullopt;
+}
 std::optional<ChatConversation> UserStore::getConversation(const std::string& /*id*/) {
   return std::nullopt;
 }

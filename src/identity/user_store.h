@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -116,22 +117,28 @@ class UserStore {
   virtual void resetDailyQuotas();
 
   virtual bool createConversation(const ChatConversation& conversation);
+  /// Stores those whose ids are not taken, all of them or, when the database fails, none; how many
+  /// they are.
+  virtual std::optional<std::size_t> importConversations(
+      const std::vector<ChatConversation>& conversations);
   virtual std::optional<ChatConversation> getConversation(const std::string& id);
-  /// Pinned ones first, then the last changed.
+  /// Pinned ones first, then the last changed. Their messages are left out: they are empty.
   virtual std::vector<ChatConversation> listConversations(const std::string& user_id,
                                                           bool include_archived);
   /// Writes title, model, messages, `updated_at`, pinned and archived. See changeConversation.
   virtual bool updateConversation(const ChatConversation& conversation);
   virtual bool deleteConversation(const std::string& id);
 
-  /// Decides who is first: when the setting `first_time_setup` is "true", creates the user as
-  /// given, makes the setting "false" and, unless `domain` is empty, sets `cluster_domain` to it.
+  /// Decides who is first: when the setting `first_time_setup` is "true" and there is no active
+  /// cluster administrator, creates the user as given, makes the setting "false" and, unless
+  /// `domain` is empty, sets `cluster_domain` to it.
   /// All of this happens or nothing, and for one caller only.
   virtual FirstUser createFirstUser(const User& user, const std::string& domain);
 
   /// Read, change, write as one step, so that of two callers neither undoes what the other one
   /// changed; then as the update operation. Return the record as it is now, nothing when there is
   /// none or the write failed. `change` must not call the store or wait: the store is locked.
+  /// With a new password hash all sessions of the user end.
   virtual std::optional<User> changeUser(const std::string& id,
                                          const std::function<void(User&)>& change);
   virtual std::optional<Organization> changeOrganization(
