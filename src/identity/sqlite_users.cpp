@@ -31,6 +31,9 @@ const std::string kActiveUsers = kSelectUsers + " WHERE active=1 ORDER BY create
 const std::string kPendingUsers =
     kSelectUsers + " WHERE approval_status='pending' ORDER BY created_at ASC";
 
+constexpr const char* kCountAdministrators =
+    "SELECT COUNT(*) FROM users WHERE active=1 AND role IN ('cluster_admin', 'admin')";
+constexpr const char* kDeleteSessionsOfUser = "DELETE FROM sessions WHERE user_id=?";
 constexpr const char* kSelectSetting = "SELECT value FROM settings WHERE key=?";
 constexpr const char* kPutSetting = "INSERT OR REPLACE INTO settings (key, value) VALUES (?, ?)";
 
@@ -59,6 +62,10 @@ std::string readText(store::Statement& row) {
   return row.nextText();
 }
 
+std::int64_t readInteger(store::Statement& row) {
+  return row.nextInteger();
+}
+
 bool insertUser(Database& db, const User& user) {
   if (db.change(kInsertUser, user.id, user.email, user.password_hash, user.salt, user.name,
                 user.role, store::NullIfEmpty{user.api_key}, user.created_at, user.last_login,
@@ -70,26 +77,37 @@ bool insertUser(Database& db, const User& user) {
   return false;
 }
 
+/// With an administrator the cluster is set up: whoever registers next is not the first any more.
+bool endSetup(Database& db, const User& user) {
+  if (!user.active || !isClusterAdminRole(user.role)) return true;
+  return db
+      .change("UPDATE settings SET value='false' WHERE key='first_time_setup' AND value='true'")
+      .has_value();
+}
+
 bool writeUser(Database& db, const User& user) {
   return db.change(kUpdateUser, user.email, user.password_hash, user.salt, user.name, user.role,
                    store::NullIfEmpty{user.api_key}, user.last_login, user.active,
                    user.email_verified, user.org_id, user.approval_status, user.approved_by,
                    user.approved_at, user.avatar_url, user.id) > 0 &&
-         carryIntoSessions(db, user.id);
+         carryIntoSessions(db, user.id) && endSetup(db, user);
 }
 
 }  // namespace
 
 bool SqliteUserStore::createUser(const User& user) {
   const StoreLock lock(mu_);
-  return insertUser(db_, user);
+  return db_.atomically([&](Database& db) { return insertUser(db, user) && endSetup(db, user); });
 }
 
 FirstUser SqliteUserStore::createFirstUser(const User& user, const std::string& domain) {
   const StoreLock lock(mu_);
   FirstUser outcome = FirstUser::kFailed;
   const bool stored = db_.atomically([&](Database& db) {
-    if (db.findOne(readText, kSelectSetting, "first_time_setup") != "true") {
+    // The setting alone does not decide: it is made from what could be read at start.
+    const auto administrators = db.findOne(readInteger, kCountAdministrators);
+    if (!administrators) return false;
+    if (*administrators > 0 || db.findOne(readText, kSelectSetting, "first_time_setup") != "true") {
       outcome = FirstUser::kTaken;
       return false;
     }

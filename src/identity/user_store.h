@@ -35,6 +35,8 @@ class UserStore {
   virtual bool initialize() = 0;
   virtual void shutdown() = 0;
 
+  /// An active cluster administrator, made so here or by a change, ends the first-time setup: the
+  /// setting `first_time_setup` becomes "false".
   virtual bool createUser(const User& user) = 0;
   /// Users are found whether active or not.
   virtual std::optional<User> findByEmail(const std::string& email) = 0;

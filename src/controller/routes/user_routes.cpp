@@ -132,7 +132,7 @@ struct UserRoutes {
     }
     const NewAccount wanted(*request.json());
     if (auto refusal = wanted.refusal()) return *refusal;
-    if (isClusterAdminRole(wanted.role) && !access.isClusterAdmin(context, request)) {
+    if (identity::isClusterAdminRole(wanted.role) && !access.isClusterAdmin(context, request)) {
       return clusterAdminRoleRequired();
     }
     if (store().findByEmail(wanted.email)) return emailTaken();
