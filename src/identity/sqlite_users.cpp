@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "identity/crypto.h"
 #include "identity/session_rules.h"
 #include "identity/sqlite_user_store.h"
@@ -146,9 +148,11 @@ std::optional<User> SqliteUserStore::changeUser(const std::string& id,
   const bool stored = db_.atomically([&](Database& db) {
     user = db.findOne(readUser, kUserById, id);
     if (!user) return false;
+    const std::string old_hash = user->password_hash;
     change(*user);
     user->id = id;
-    return writeUser(db, *user);
+    return writeUser(db, *user) &&
+           (user->password_hash == old_hash || db.change(kDeleteSessionsOfUser, id));
   });
   return stored ? user : std::nullopt;
 }
@@ -157,7 +161,7 @@ bool SqliteUserStore::deleteUser(const std::string& id) {
   const StoreLock lock(mu_);
   return db_.atomically([&](Database& db) {
     return db.change("UPDATE users SET active=0 WHERE id=?", id) > 0 &&
-           db.change("DELETE FROM sessions WHERE user_id=?", id);
+           db.change(kDeleteSessionsOfUser, id);
   });
 }
 
@@ -197,6 +201,15 @@ std::string SqliteUserStore::getSetting(const std::string& key, const std::strin
 bool SqliteUserStore::setSetting(const std::string& key, const std::string& value) {
   const StoreLock lock(mu_);
   return db_.change(kPutSetting, key, value).has_value();
+}
+
+bool SqliteUserStore::setSettings(const std::map<std::string, std::string>& values) {
+  const StoreLock lock(mu_);
+  return db_.atomically([&](Database& db) {
+    return std::all_of(values.begin(), values.end(), [&](const auto& item) {
+      return db.change(kPutSetting, item.first, item.second).has_value();
+    });
+  });
 }
 
 }  // namespace tavrel::identity

@@ -47,6 +47,9 @@ bool UserStore::setSetting(const std::string& /*scope*/, const std::string& /*ca
                            const std::string& /*key*/, const std::string& /*value*/) {
   return false;
 }
+bool UserStore::setSettings(const std::map<std::string, std::string>& /*values*/) {
+  return false;
+}
 bool UserStore::setSettings(const std::string& /*scope*/, const std::string& /*category*/,
                             const std::map<std::string, std::string>& /*values*/) {
   return false;

@@ -61,6 +61,8 @@ class UserStore {
 
   virtual std::string getSetting(const std::string& key, const std::string& fallback) = 0;
   virtual bool setSetting(const std::string& key, const std::string& value) = 0;
+  /// Sets several: all of them or none.
+  virtual bool setSettings(const std::map<std::string, std::string>& values);
 
   /// Replaces the token of that type that the user has. The lifetime is at most a hundred years.
   virtual bool storeToken(const std::string& token, const std::string& user_id,

@@ -177,7 +177,7 @@ struct UserRoutes {
           return std::nullopt;
         });
     if (!changed.user) return changed.refusal;
-    store().deleteUserSessions(id);
+    if (!store().deleteUserSessions(id)) return Response::error(500, "Failed to end sessions");
     return Response::ok(changed.user->toJson());
   }
 
