@@ -19,6 +19,7 @@ HEALTH = "/api/v1/health"
 MANY_WORKERS = 10_000
 IDLE_CONNECTIONS = 5_000
 STREAMS = 200
+AUTH_CLIENTS = 64
 EVENTS_PER_SECOND = 50
 MIB = 1 << 20
 
@@ -95,6 +96,28 @@ def health(bench):
         pairs = bench.alternate(partial(run, server), partial(run, nginx))
         yield ratio_line(
             f"GET {HEALTH}, {connections} connections", "nginx return 200", pairs, at_least=reach
+        )
+
+
+def auth(bench):
+    """The same GET of a guarded route: by a key and by a token, beside a controller that asks
+    nobody. Both count the request against a limit that is not reached."""
+    path, limit, key = "/api/v1/auth/stats", "2000000000", "bench-key-0123456789"
+    guarded = bench.servers.controller("--auth-mode", "admin", "--api-key", key, "--key-rpm", limit)
+    open_to_all = bench.servers.controller("--guest-rpm", limit)
+    token = guarded.post("/api/v1/auth/tokens/worker", {"worker_id": "w1"}, {"X-API-Key": key})
+    credentials = {
+        "API key": {"X-API-Key": key},
+        "bearer token": {"Authorization": f"Bearer {token['token']}"},
+    }
+    for name, headers in credentials.items():
+        run = lambda one, sent, seconds=bench.effort.seconds: wrk(
+            one.url(path), AUTH_CLIENTS, seconds, headers=sent
+        )
+        pairs = bench.alternate(partial(run, guarded, headers), partial(run, open_to_all, None))
+        yield ratio_line(
+            f"GET {path}, {AUTH_CLIENTS} clients, {name}", "itself in mode none", pairs,
+            at_least=0.95,
         )
 
 
@@ -303,6 +326,7 @@ def _idle_connections(bench, server):
 
 ROWS = {
     "health": health,
+    "auth": auth,
     "chat": chat,
     "pooled": pooled,
     "gateway": gateway,

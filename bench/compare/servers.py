@@ -3,6 +3,7 @@
 import json
 import os
 import subprocess
+import urllib.request
 from dataclasses import dataclass
 
 from machine import BenchError, Program, free_port
@@ -23,6 +24,16 @@ class Server:
 
     def url(self, path):
         return f"http://127.0.0.1:{self.port}{path}"
+
+    def post(self, path, body, headers):
+        """The answer's JSON."""
+        request = urllib.request.Request(
+            self.url(path),
+            json.dumps(body).encode(),
+            {"Content-Type": "application/json", **headers},
+        )
+        with urllib.request.urlopen(request, timeout=10) as reply:
+            return json.load(reply)
 
 
 class Servers:
@@ -48,9 +59,9 @@ class Servers:
             raise BenchError(f"the backend did not start:\n{program.log_tail()}")
         return program, json.loads(line)["ports"]
 
-    def controller(self):
-        """A controller as it is started by default, with a home of its own. Its console goes to
-        /dev/null, as the others' access logs are off."""
+    def controller(self, *more):
+        """A controller as it is started by default, or with `more` arguments, with a home of its
+        own. Its console goes to /dev/null, as the others' access logs are off."""
         home = self.machine.directory("home")
         port = free_port()
         environment = dict(os.environ, HOME=home)
@@ -61,6 +72,7 @@ class Servers:
             *("--packages-dir", os.path.join(home, "packages")),
             # Nobody listens there: the run must not depend on the network.
             *("--agent-catalog-url", "http://127.0.0.1:9/catalog"),
+            *more,
         ]
         program = self.machine.start("controller", arguments, environment)
         program.await_http(port, "/api/v1/health")

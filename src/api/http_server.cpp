@@ -220,7 +220,8 @@ void HttpServer::Impl::route(Exchange& exchange, Request& request, const BodyRea
   context.route = found->pattern;
   request.remote_address = exchange.connection->remoteAddress();
   if (read_body) {
-    const int failure = read_body(config.max_body_bytes, request.body);
+    const std::size_t most = std::min(config.max_body_bytes, found->max_body_bytes);
+    const int failure = read_body(most, request.body);
     if (failure != 0) return answerWithout(failure, exchange);
   }
   serveRoute(*found, context, request, exchange);

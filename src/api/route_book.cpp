@@ -5,8 +5,10 @@
 
 namespace tavrel::api {
 
-void RouteBook::add(std::string method, std::string pattern, Handler handler) {
-  routes_.push_back({std::move(method), std::move(pattern), std::move(handler), nullptr, {}});
+void RouteBook::add(std::string method, std::string pattern, Handler handler,
+                    std::size_t max_body_bytes) {
+  routes_.push_back(
+      {std::move(method), std::move(pattern), std::move(handler), nullptr, {}, max_body_bytes});
 }
 
 void RouteBook::getStream(std::string pattern, StreamHandler handler) {

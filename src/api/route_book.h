@@ -1,6 +1,8 @@
 #pragma once
 
+#include <cstddef>
 #include <functional>
+#include <limits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -20,6 +22,9 @@ using StreamHandler = std::function<void(Context&, const Request&, StreamWriter&
 /// Asked before a streaming route begins: an answer refuses the request, nothing lets it pass.
 using StreamGuard = std::function<std::optional<Response>(Context&, const Request&)>;
 
+/// No bound but the server's own.
+inline constexpr std::size_t kAnyBody = std::numeric_limits<std::size_t>::max();
+
 /// One route: exactly one of `handler` and `stream_handler` is set.
 struct Route {
   std::string method;  ///< "GET", "POST", "PUT", "DELETE" or "OPTIONS"
@@ -27,6 +32,9 @@ struct Route {
   Handler handler;
   StreamHandler stream_handler;
   std::vector<Middleware> middlewares;
+  /// Longer bodies are refused with 413 when they begin to arrive, as those are that no route
+  /// takes.
+  std::size_t max_body_bytes = kAnyBody;
 };
 
 /// The routes that families offer, before they are put on a server in the order of the catalogue.
@@ -35,8 +43,8 @@ class RouteBook {
   void get(std::string pattern, Handler handler) {
     add("GET", std::move(pattern), std::move(handler));
   }
-  void post(std::string pattern, Handler handler) {
-    add("POST", std::move(pattern), std::move(handler));
+  void post(std::string pattern, Handler handler, std::size_t max_body_bytes = kAnyBody) {
+    add("POST", std::move(pattern), std::move(handler), max_body_bytes);
   }
   void put(std::string pattern, Handler handler) {
     add("PUT", std::move(pattern), std::move(handler));
@@ -52,7 +60,8 @@ class RouteBook {
   const Route* find(const std::string& method, const std::string& pattern) const;
 
  private:
-  void add(std::string method, std::string pattern, Handler handler);
+  void add(std::string method, std::string pattern, Handler handler,
+           std::size_t max_body_bytes = kAnyBody);
 
   std::vector<Route> routes_;
 };

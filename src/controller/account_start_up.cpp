@@ -12,12 +12,12 @@ using platform::printLine;
 
 void storeMailSettings(identity::UserStore& store, const Options& options) {
   const std::string port = std::to_string(options.smtp_port);
-  store.setSetting("smtp_server", options.smtp_server);
-  store.setSetting("smtp_port", port);
-  store.setSetting("smtp_user", options.smtp_user);
-  store.setSetting("smtp_password", options.smtp_password);
-  store.setSetting("smtp_from", options.smtp_from);
-  store.setSetting("smtp_tls", options.smtp_tls);
+  store.setSettings({{"smtp_server", options.smtp_server},
+                     {"smtp_port", port},
+                     {"smtp_user", options.smtp_user},
+                     {"smtp_password", options.smtp_password},
+                     {"smtp_from", options.smtp_from},
+                     {"smtp_tls", options.smtp_tls}});
   printLine("[Controller] SMTP configured: " + options.smtp_server + ":" + port);
 }
 

@@ -1,8 +1,11 @@
 #include "controller/command_line.h"
 
 #include <cstdlib>
+#include <cstring>
 #include <functional>
 #include <map>
+#include <set>
+#include <string_view>
 #include <variant>
 
 namespace tavrel::controller {
@@ -213,6 +216,16 @@ CommandLine parseCommandLine(const std::vector<std::string>& arguments) {
     }
   }
   return result;
+}
+
+void hideSecrets(int argc, char** argv) {
+  static const std::set<std::string_view> kSecret = {"--api-key", "--smtp-password",
+                                                     "--cluster-key", "--master-api-key"};
+  for (int i = 1; i + 1 < argc; ++i) {
+    if (kSecret.count(argv[i]) == 0) continue;
+    ++i;
+    std::memset(argv[i], '*', std::strlen(argv[i]));
+  }
 }
 
 }  // namespace tavrel::controller

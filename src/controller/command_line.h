@@ -74,6 +74,10 @@ struct CommandLine {
 /// arguments, an option without its value at the end, and numbers that are none are let pass.
 CommandLine parseCommandLine(const std::vector<std::string>& arguments);
 
+/// Overwrites the values of options that are secrets where the system keeps the command line, which
+/// everybody on the machine can read. To be called when the arguments have been copied.
+void hideSecrets(int argc, char** argv);
+
 /// "primary", "secondary" or "tertiary".
 std::string tierName(Tier tier);
 

@@ -126,7 +126,7 @@ Outcome<User> AccountService::setPassword(const std::string& user_id, const std:
     one.password_hash = hash;
   });
   if (outdated) return AccountFault::kWrongPassword;
-  if (!user || !store_.deleteUserSessions(user_id)) return AccountFault::kNotStored;
+  if (!user) return AccountFault::kNotStored;
   return *user;
 }
 

@@ -1,15 +1,18 @@
 #include "identity/account_upkeep.h"
 
+#include <algorithm>
+
 #include "identity/account_service.h"
 
 namespace tavrel::identity {
 namespace {
 
 constexpr const char* kQuotaDay = "daily_quotas_reset";
+constexpr const char* kSetup = "first_time_setup";
 
 std::string domainOfFirstAdministrator(const std::vector<User>& users) {
   for (const User& user : users) {
-    if (user.role != "cluster_admin" && user.role != "admin") continue;
+    if (!isClusterAdminRole(user.role)) continue;
     if (std::string domain = domainOf(user.email); !domain.empty()) return domain;
   }
   return "";
@@ -18,12 +21,18 @@ std::string domainOfFirstAdministrator(const std::vector<User>& users) {
 }  // namespace
 
 Readiness prepareAccounts(UserStore& store) {
-  Readiness found;
   const std::vector<User> users = store.listUsers();
-  found.has_users = !users.empty();
-  if (!found.has_users) {
-    store.setSetting("first_time_setup", "true");
-  } else if (store.getSetting("cluster_domain", "").empty()) {
+  if (users.empty()) {
+    store.setSetting(kSetup, "true");
+    return {};
+  }
+  const bool governed = std::any_of(users.begin(), users.end(),
+                                    [](const User& user) { return isClusterAdminRole(user.role); });
+  // Earlier versions left it open when an operator made the first administrator.
+  if (governed && store.getSetting(kSetup, "") == "true") store.setSetting(kSetup, "false");
+
+  Readiness found{.has_users = true, .new_cluster_domain = ""};
+  if (store.getSetting("cluster_domain", "").empty()) {
     found.new_cluster_domain = domainOfFirstAdministrator(users);
     if (!found.new_cluster_domain.empty()) {
       store.setSetting("cluster_domain", found.new_cluster_domain);

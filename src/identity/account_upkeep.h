@@ -14,8 +14,8 @@ struct Readiness {
 };
 
 /// Makes a store that was just opened ready for people. With accounts: the cluster's domain, when
-/// it has none, becomes that of the first administrator whose address has one. Without accounts:
-/// whoever registers next is the first.
+/// it has none, becomes that of the first administrator whose address has one, and an administrator
+/// ends the first-time setup. Without accounts: whoever registers next is the first.
 Readiness prepareAccounts(UserStore& store);
 
 /// Forgets expired sessions and tokens, and starts the daily quotas anew in the first call of a day

@@ -8,6 +8,10 @@ namespace tavrel::identity {
 
 using nlohmann::json;
 
+bool isClusterAdminRole(const std::string& role) {
+  return role == "cluster_admin" || role == "admin";
+}
+
 json User::toJson(bool include_sensitive) const {
   json object = {{"id", id},
                  {"email", email},

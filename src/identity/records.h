@@ -8,6 +8,10 @@
 /// Times are UTC texts, e.g. "2026-01-31T12:00:00Z"; empty means never or unknown.
 namespace tavrel::identity {
 
+/// Whether the role is one of the two that govern the whole cluster: `cluster_admin`, and `admin`
+/// as it was called once.
+bool isClusterAdminRole(const std::string& role);
+
 struct User {
   std::string id;
   std::string email;

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "identity/sqlite_user_store.h"
 #include "store/store_lock.h"
 
@@ -8,14 +10,17 @@ using store::StoreLock;
 
 namespace {
 
-const std::string kSelectConversations =
+constexpr const char* kConversationById =
     "SELECT id, user_id, org_id, title, model, messages, created_at, updated_at, pinned, archived "
-    "FROM chat_history";
-const std::string kConversationById = kSelectConversations + " WHERE id=?";
+    "FROM chat_history WHERE id=?";
+// Without the messages, which would be sorted along: gigabytes, for somebody who has stored them.
+const std::string kSelectConversations =
+    "SELECT id, user_id, org_id, title, model, '', created_at, updated_at, pinned, archived "
+    "FROM chat_history WHERE user_id=?";
 const std::string kConversationsOfUser =
-    kSelectConversations + " WHERE user_id=? ORDER BY pinned DESC, updated_at DESC";
+    kSelectConversations + " ORDER BY pinned DESC, updated_at DESC";
 const std::string kCurrentConversationsOfUser =
-    kSelectConversations + " WHERE user_id=? AND archived=0 ORDER BY pinned DESC, updated_at DESC";
+    kSelectConversations + " AND archived=0 ORDER BY pinned DESC, updated_at DESC";
 
 ChatConversation readConversation(store::Statement& row) {
   ChatConversation conversation{.id = row.nextText(),
@@ -32,6 +37,20 @@ ChatConversation readConversation(store::Statement& row) {
   return conversation;
 }
 
+const std::string kInsertedConversation =
+    "INTO chat_history (id, user_id, org_id, title, model, messages, created_at, updated_at, "
+    "pinned, archived) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)";
+const std::string kInsertConversation = "INSERT " + kInsertedConversation;
+const std::string kInsertConversationIfNew = "INSERT OR IGNORE " + kInsertedConversation;
+
+std::optional<std::int64_t> insertConversation(Database& db, const std::string& sql,
+                                               const ChatConversation& conversation) {
+  return db.change(sql, conversation.id, conversation.user_id, conversation.org_id,
+                   conversation.title, conversation.model, conversation.messages,
+                   conversation.created_at, conversation.updated_at, conversation.pinned,
+                   conversation.archived);
+}
+
 bool writeConversation(Database& db, const ChatConversation& conversation) {
   return db.change(
              "UPDATE chat_history SET title=?, model=?, messages=?, updated_at=?, pinned=?, "
@@ -44,14 +63,21 @@ bool writeConversation(Database& db, const ChatConversation& conversation) {
 
 bool SqliteUserStore::createConversation(const ChatConversation& conversation) {
   const StoreLock lock(mu_);
-  return db_
-      .change(
-          "INSERT INTO chat_history (id, user_id, org_id, title, model, messages, created_at, "
-          "updated_at, pinned, archived) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-          conversation.id, conversation.user_id, conversation.org_id, conversation.title,
-          conversation.model, conversation.messages, conversation.created_at,
-          conversation.updated_at, conversation.pinned, conversation.archived)
-      .has_value();
+  return insertConversation(db_, kInsertConversation, conversation).has_value();
+}
+
+std::optional<std::size_t> SqliteUserStore::importConversations(
+    const std::vector<ChatConversation>& conversations) {
+  const StoreLock lock(mu_);
+  std::size_t count = 0;
+  const bool stored = db_.atomically([&](Database& db) {
+    return std::all_of(conversations.begin(), conversations.end(), [&](const auto& one) {
+      const auto inserted = insertConversation(db, kInsertConversationIfNew, one);
+      count += inserted == 1 ? 1 : 0;
+      return inserted.has_value();
+    });
+  });
+  return stored ? std::optional(count) : std::nullopt;
 }
 
 std::optional<ChatConversation> SqliteUserStore::getConversation(const std::string& id) {

@@ -43,6 +43,7 @@ class SqliteUserStore final : public UserStore {
   std::string getSetting(const std::string& key, const std::string& fallback) override
       TV_EXCLUDES(mu_);
   bool setSetting(const std::string& key, const std::string& value) override TV_EXCLUDES(mu_);
+  bool setSettings(const std::map<std::string, std::string>& values) override TV_EXCLUDES(mu_);
 
   bool storeToken(const std::string& token, const std::string& user_id, const std::string& type,
                   std::int64_t ttl_seconds) override TV_EXCLUDES(mu_);
@@ -91,6 +92,8 @@ class SqliteUserStore final : public UserStore {
   void resetDailyQuotas() override TV_EXCLUDES(mu_);
 
   bool createConversation(const ChatConversation& conversation) override TV_EXCLUDES(mu_);
+  std::optional<std::size_t> importConversations(
+      const std::vector<ChatConversation>& conversations) override TV_EXCLUDES(mu_);
   std::optional<ChatConversation> getConversation(const std::string& id) override TV_EXCLUDES(mu_);
   std::vector<ChatConversation> listConversations(const std::string& user_id,
                                                   bool include_archived) override TV_EXCLUDES(mu_);

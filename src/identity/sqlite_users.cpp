@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "identity/crypto.h"
 #include "identity/session_rules.h"
 #include "identity/sqlite_user_store.h"
@@ -31,6 +33,9 @@ const std::string kActiveUsers = kSelectUsers + " WHERE active=1 ORDER BY create
 const std::string kPendingUsers =
     kSelectUsers + " WHERE approval_status='pending' ORDER BY created_at ASC";
 
+constexpr const char* kCountAdministrators =
+    "SELECT COUNT(*) FROM users WHERE active=1 AND role IN ('cluster_admin', 'admin')";
+constexpr const char* kDeleteSessionsOfUser = "DELETE FROM sessions WHERE user_id=?";
 constexpr const char* kSelectSetting = "SELECT value FROM settings WHERE key=?";
 constexpr const char* kPutSetting = "INSERT OR REPLACE INTO settings (key, value) VALUES (?, ?)";
 
@@ -59,6 +64,10 @@ std::string readText(store::Statement& row) {
   return row.nextText();
 }
 
+std::int64_t readInteger(store::Statement& row) {
+  return row.nextInteger();
+}
+
 bool insertUser(Database& db, const User& user) {
   if (db.change(kInsertUser, user.id, user.email, user.password_hash, user.salt, user.name,
                 user.role, store::NullIfEmpty{user.api_key}, user.created_at, user.last_login,
@@ -70,26 +79,37 @@ bool insertUser(Database& db, const User& user) {
   return false;
 }
 
+/// With an administrator the cluster is set up: whoever registers next is not the first any more.
+bool endSetup(Database& db, const User& user) {
+  if (!user.active || !isClusterAdminRole(user.role)) return true;
+  return db
+      .change("UPDATE settings SET value='false' WHERE key='first_time_setup' AND value='true'")
+      .has_value();
+}
+
 bool writeUser(Database& db, const User& user) {
   return db.change(kUpdateUser, user.email, user.password_hash, user.salt, user.name, user.role,
                    store::NullIfEmpty{user.api_key}, user.last_login, user.active,
                    user.email_verified, user.org_id, user.approval_status, user.approved_by,
                    user.approved_at, user.avatar_url, user.id) > 0 &&
-         carryIntoSessions(db, user.id);
+         carryIntoSessions(db, user.id) && endSetup(db, user);
 }
 
 }  // namespace
 
 bool SqliteUserStore::createUser(const User& user) {
   const StoreLock lock(mu_);
-  return insertUser(db_, user);
+  return db_.atomically([&](Database& db) { return insertUser(db, user) && endSetup(db, user); });
 }
 
 FirstUser SqliteUserStore::createFirstUser(const User& user, const std::string& domain) {
   const StoreLock lock(mu_);
   FirstUser outcome = FirstUser::kFailed;
   const bool stored = db_.atomically([&](Database& db) {
-    if (db.findOne(readText, kSelectSetting, "first_time_setup") != "true") {
+    // The setting alone does not decide: it is made from what could be read at start.
+    const auto administrators = db.findOne(readInteger, kCountAdministrators);
+    if (!administrators) return false;
+    if (*administrators > 0 || db.findOne(readText, kSelectSetting, "first_time_setup") != "true") {
       outcome = FirstUser::kTaken;
       return false;
     }
@@ -128,9 +148,11 @@ std::optional<User> SqliteUserStore::changeUser(const std::string& id,
   const bool stored = db_.atomically([&](Database& db) {
     user = db.findOne(readUser, kUserById, id);
     if (!user) return false;
+    const std::string old_hash = user->password_hash;
     change(*user);
     user->id = id;
-    return writeUser(db, *user);
+    return writeUser(db, *user) &&
+           (user->password_hash == old_hash || db.change(kDeleteSessionsOfUser, id));
   });
   return stored ? user : std::nullopt;
 }
@@ -139,7 +161,7 @@ bool SqliteUserStore::deleteUser(const std::string& id) {
   const StoreLock lock(mu_);
   return db_.atomically([&](Database& db) {
     return db.change("UPDATE users SET active=0 WHERE id=?", id) > 0 &&
-           db.change("DELETE FROM sessions WHERE user_id=?", id);
+           db.change(kDeleteSessionsOfUser, id);
   });
 }
 
@@ -179,6 +201,15 @@ std::string SqliteUserStore::getSetting(const std::string& key, const std::strin
 bool SqliteUserStore::setSetting(const std::string& key, const std::string& value) {
   const StoreLock lock(mu_);
   return db_.change(kPutSetting, key, value).has_value();
+}
+
+bool SqliteUserStore::setSettings(const std::map<std::string, std::string>& values) {
+  const StoreLock lock(mu_);
+  return db_.atomically([&](Database& db) {
+    return std::all_of(values.begin(), values.end(), [&](const auto& item) {
+      return db.change(kPutSetting, item.first, item.second).has_value();
+    });
+  });
 }
 
 }  // namespace tavrel::identity

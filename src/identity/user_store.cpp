@@ -47,6 +47,9 @@ bool UserStore::setSetting(const std::string& /*scope*/, const std::string& /*ca
                            const std::string& /*key*/, const std::string& /*value*/) {
   return false;
 }
+bool UserStore::setSettings(const std::map<std::string, std::string>& /*values*/) {
+  return false;
+}
 bool UserStore::setSettings(const std::string& /*scope*/, const std::string& /*category*/,
                             const std::map<std::string, std::string>& /*values*/) {
   return false;
@@ -92,6 +95,10 @@ void UserStore::resetDailyQuotas() {}
 
 bool UserStore::createConversation(const ChatConversation& /*conversation*/) {
   return false;
+}
+std::optional<std::size_t> UserStore::importConversations(
+    const std::vector<ChatConversation>& /*conversations*/) {
+  return std::nullopt;
 }
 std::optional<ChatConversation> UserStore::getConversation(const std::string& /*id*/) {
   return std::nullopt;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
@@ -34,6 +35,8 @@ class UserStore {
   virtual bool initialize() = 0;
   virtual void shutdown() = 0;
 
+  /// An active cluster administrator, made so here or by a change, ends the first-time setup: the
+  /// setting `first_time_setup` becomes "false".
   virtual bool createUser(const User& user) = 0;
   /// Users are found whether active or not.
   virtual std::optional<User> findByEmail(const std::string& email) = 0;
@@ -58,6 +61,8 @@ class UserStore {
 
   virtual std::string getSetting(const std::string& key, const std::string& fallback) = 0;
   virtual bool setSetting(const std::string& key, const std::string& value) = 0;
+  /// Sets several: all of them or none.
+  virtual bool setSettings(const std::map<std::string, std::string>& values);
 
   /// Replaces the token of that type that the user has. The lifetime is at most a hundred years.
   virtual bool storeToken(const std::string& token, const std::string& user_id,
@@ -116,22 +121,28 @@ class UserStore {
   virtual void resetDailyQuotas();
 
   virtual bool createConversation(const ChatConversation& conversation);
+  /// Stores those whose ids are not taken, all of them or, when the database fails, none; how many
+  /// they are.
+  virtual std::optional<std::size_t> importConversations(
+      const std::vector<ChatConversation>& conversations);
   virtual std::optional<ChatConversation> getConversation(const std::string& id);
-  /// Pinned ones first, then the last changed.
+  /// Pinned ones first, then the last changed. Their messages are left out: they are empty.
   virtual std::vector<ChatConversation> listConversations(const std::string& user_id,
                                                           bool include_archived);
   /// Writes title, model, messages, `updated_at`, pinned and archived. See changeConversation.
   virtual bool updateConversation(const ChatConversation& conversation);
   virtual bool deleteConversation(const std::string& id);
 
-  /// Decides who is first: when the setting `first_time_setup` is "true", creates the user as
-  /// given, makes the setting "false" and, unless `domain` is empty, sets `cluster_domain` to it.
+  /// Decides who is first: when the setting `first_time_setup` is "true" and there is no active
+  /// cluster administrator, creates the user as given, makes the setting "false" and, unless
+  /// `domain` is empty, sets `cluster_domain` to it.
   /// All of this happens or nothing, and for one caller only.
   virtual FirstUser createFirstUser(const User& user, const std::string& domain);
 
   /// Read, change, write as one step, so that of two callers neither undoes what the other one
   /// changed; then as the update operation. Return the record as it is now, nothing when there is
   /// none or the write failed. `change` must not call the store or wait: the store is locked.
+  /// With a new password hash all sessions of the user end.
   virtual std::optional<User> changeUser(const std::string& id,
                                          const std::function<void(User&)>& change);
   virtual std::optional<Organization> changeOrganization(

@@ -3,6 +3,8 @@
 
 #include <chrono>
 #include <csignal>
+#include <fstream>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -57,6 +59,10 @@ TEST(AccountsProcess, AccountsOutliveTheProcess) {
     EXPECT_TRUE(first.process().waitForLine(
         "[Controller] No users exist. First user to register will become cluster_admin.", 5s));
     EXPECT_THAT(first.get("/api/v1/auth/setup-status"), HasSubstr("true"));
+    std::ifstream arguments("/proc/" + std::to_string(first.process().pid()) + "/cmdline");
+    const std::string shown((std::istreambuf_iterator<char>(arguments)), {});
+    EXPECT_THAT(shown, HasSubstr("--api-key")) << "what anybody on the machine sees";
+    EXPECT_THAT(shown, testing::Not(HasSubstr("root-key-0123456789")));
     token = registered(first, "ada@Lab.org").at("token");
     first.process().signal(SIGKILL);
     first.process().waitForExit(10s);
@@ -66,11 +72,19 @@ TEST(AccountsProcess, AccountsOutliveTheProcess) {
   EXPECT_THAT(second.get("/api/v1/auth/session", "Cookie: tavrel_session=" + token + "\r\n"),
               HasSubstr("\"role\":\"cluster_admin\""));
   EXPECT_EQ(registered(second, "bob@lab.org").at("approval_status"), "approved");
-  const std::string lines = console(second);
-  for (const char* unwanted : {"No users exist", "Set cluster_domain", "password1"}) {
-    EXPECT_THAT(lines, testing::Not(HasSubstr(unwanted)));
+  second.get("/api/v1/auth/verify-email?token=" + token);
+  std::string told;
+  for (const char* path : {"/api/v1/logs", "/api/v1/events", "/api/v1/auth/keys", "/metrics"}) {
+    const std::string answer = second.get(path, "X-API-Key: root-key-0123456789\r\n");
+    EXPECT_THAT(answer, HasSubstr("200 OK")) << path;
+    told += answer;
   }
-  EXPECT_THAT(lines, testing::Not(HasSubstr(token)));
+  told += console(second);
+  for (const std::string& unwanted :
+       {std::string("No users exist"), std::string("Set cluster_domain"), std::string("password1"),
+        std::string("root-key-0123456789"), token}) {
+    EXPECT_THAT(told, testing::Not(HasSubstr(unwanted)));
+  }
 }
 
 TEST(AccountsProcess, MailsGoOutEncryptedThroughAServerWithItsOwnCertificate) {
@@ -117,6 +131,17 @@ TEST(AccountsProcess, ADeadMailServerNeitherHoldsUpOthersNorTheEnd) {
   controller.process().signal(SIGTERM);
   EXPECT_EQ(controller.process().waitForExit(20s), 0);
   EXPECT_LT(std::chrono::steady_clock::now() - start, 9s) << "the mail's own limit is 10 seconds";
+}
+
+TEST(AccountsProcess, TheLimitOfAKeyIsAnOption) {
+  const TempDirectory directory;
+  Controller controller(fullMode(directory.file("users.db"), {"--key-rpm", "2"}));
+  const auto asked = [&] {
+    return controller.get("/api/v1/auth/stats", "X-API-Key: root-key-0123456789\r\n");
+  };
+  EXPECT_THAT(asked(), HasSubstr("200 OK"));
+  EXPECT_THAT(asked(), HasSubstr("200 OK"));
+  EXPECT_THAT(asked(), testing::AllOf(HasSubstr("HTTP/1.1 429"), HasSubstr("Retry-After: ")));
 }
 
 TEST(AccountsProcess, AStoreThatCannotBeOpenedLeavesAControllerWithoutAccounts) {

@@ -117,7 +117,7 @@ class AccountAttacksTest : public AccountRoutesTest {
       all["settings"].push_back(one.toJson());
     }
     for (const auto& one : store_->listConversations("usr_root", true)) {
-      all["conversations"].push_back(one.toJson(true));
+      all["conversations"].push_back(store_->getConversation(one.id)->toJson(true));
     }
     for (const auto& one : store_->listCredentials("user", "usr_root")) {
       all["credentials"].push_back(one.toJson(true));

@@ -79,6 +79,7 @@ class AccountServer {
   AccountReply login(const std::string& email, const std::string& password = "password1") const {
     return post("/api/v1/auth/login", {{"email", email}, {"password", password}});
   }
+  int port() const { return server_->port(); }
   static httplib::Headers signedIn(const std::string& token) {
     return {{"X-Session-Token", token}};
   }

@@ -110,6 +110,18 @@ TEST_F(AuthRoutesTest, RefusalsNameWhatIsMissing) {
   for (const char* path : {keys, revoke, worker}) {
     EXPECT_EQ(refusal(post(path, "{")), "400 Invalid JSON body");
   }
+  for (const char* member : {"name", "type", "key", "worker_id"}) {
+    for (const json& wrong : {json(nullptr), json(7), json::array({"x"}), json::object()}) {
+      json body = {{"name", "x"}, {"key", viewer}, {"worker_id", "w"}};
+      body[member] = wrong;
+      const std::string name = member;
+      const char* path = name == "key" ? revoke : name == "worker_id" ? worker : keys;
+      EXPECT_EQ(refusal(post(path, body.dump())), "400 Invalid JSON body") << body;
+      EXPECT_EQ(refusal(post(path, wrong.is_object() ? "[]" : wrong.dump())),
+                "400 Invalid JSON body");
+    }
+  }
+  EXPECT_EQ(auth_.listApiKeys().size(), 2U);
   EXPECT_EQ(refusal(post(keys, "{}")), "400 'name' is required");
   EXPECT_EQ(refusal(post(revoke, "{}")), "400 'key' is required");
   EXPECT_EQ(refusal(post(revoke, R"({"key": "x"})")), "404 API key not found");

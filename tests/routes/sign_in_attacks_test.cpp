@@ -7,6 +7,8 @@
 
 #include "identity/crypto.h"
 #include "routes/account_server.h"
+#include "store/database.h"
+#include "support/raw_client.h"
 
 namespace tavrel::controller {
 namespace {
@@ -70,7 +72,7 @@ TEST_F(SignInAttacks, ExpiredAndForeignTokensOpenNothing) {
 TEST_F(SignInAttacks, OddBodiesAreRefusedAndLeaveNothingBehind) {
   const std::vector<const char*> paths = {"register",        "login",          "verify-email",
                                           "forgot-password", "reset-password", "change-password"};
-  const std::string deep(100'000, '[');
+  const std::string deep(60'000, '[');
   const json wrong_types = {{"email", {1}},          {"password", 12345678}, {"token", true},
                             {"new_password", {}},    {"old_password", 1.5},  {"org_name", 7},
                             {"registration_type", 3}};
@@ -99,6 +101,42 @@ TEST_F(SignInAttacks, OddBodiesAreRefusedAndLeaveNothingBehind) {
   }
   EXPECT_EQ(server_.store->listUsers().size(), 1U);
   EXPECT_TRUE(server_.store->listOrganizations().empty());
+}
+
+TEST_F(SignInAttacks, LongBodiesAreRefusedWhileTheyArrive) {
+  for (const char* path : {"register", "login", "verify-email", "forgot-password", "reset-password",
+                           "change-password", "logout"}) {
+    const std::string head = "POST " + kAuth + path + " HTTP/1.1\r\nHost: c\r\n";
+    const test::RawClient announcing(server_.port());
+    announcing.send(head + "Content-Length: 100000000\r\n\r\n" + std::string(0x40000, ' '));
+    EXPECT_THAT(announcing.readAll(), HasSubstr("HTTP/1.1 413")) << path;
+    const test::RawClient chunking(server_.port());
+    chunking.send(head + "Transfer-Encoding: chunked\r\n\r\n10001\r\n" + std::string(0x10001, ' '));
+    EXPECT_THAT(chunking.readAll(), HasSubstr("HTTP/1.1 413")) << path;
+  }
+  const std::string longest(4096, 'x');
+  EXPECT_EQ(server_
+                .post(kAuth + "register", {{"email", "eve@lab.org"},
+                                           {"password", longest},
+                                           {"name", longest},
+                                           {"registration_type", "organization"},
+                                           {"org_name", longest},
+                                           {"org_description", longest}})
+                .status,
+            201);
+}
+
+TEST_F(SignInAttacks, ASessionThatCouldNotBeEndedIsNotSaidToBe) {
+  store::Database full_disk("");
+  ASSERT_TRUE(full_disk.open(server_.directory.file("users.db")));
+  ASSERT_TRUE(
+      full_disk.exec("CREATE TRIGGER refuse BEFORE DELETE ON sessions "
+                     "BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  const httplib::Headers ada = server_.signedIn(admin_token_);
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).refusal(), "500 Failed to end session");
+  ASSERT_TRUE(full_disk.exec("DROP TRIGGER refuse"));
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).status, 200);
+  EXPECT_EQ(server_.postText(kAuth + "logout", "", ada).status, 200) << "no session is no fault";
 }
 
 TEST_F(SignInAttacks, NobodyMakesHimselfMoreThanHeIs) {

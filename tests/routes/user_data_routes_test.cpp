@@ -112,6 +112,9 @@ TEST_F(UserDataRoutesTest, AnImportTakesWhatItCan) {
   EXPECT_EQ(first.at("created_at"), "2020-01-01T00:00:00Z");
   EXPECT_EQ(first.at("messages"), json::array());
   EXPECT_EQ(send("ann", "GET", kConversations).json.at("count"), 2);
+  const json many = {{"conversations", json::array_t(1000, json::object())}};
+  EXPECT_EQ(send("ann", "POST", kImport, many).json.at("count"), 1000);
+  EXPECT_EQ(send("ann", "GET", kConversations).json.at("count"), 1002);
   for (const char* body : {"{}", R"({"conversations": {}})"}) {
     EXPECT_EQ(refusal(send("ann", "POST", kImport, body)), "400 conversations array is required");
   }

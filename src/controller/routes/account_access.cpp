@@ -1,41 +1,27 @@
 #include "controller/routes/account_access.h"
 
 #include <algorithm>
-#include <array>
-#include <span>
 #include <string_view>
 
 namespace tavrel::controller {
 namespace {
 
-using Roles = std::span<const std::string_view>;
-
-constexpr std::array<std::string_view, 3> kAdminRoles = {"cluster_admin", "admin", "org_admin"};
-constexpr std::array<std::string_view, 2> kClusterAdminRoles = {"cluster_admin", "admin"};
-
-bool isOneOf(const std::string& role, Roles roles) {
-  return std::find(roles.begin(), roles.end(), role) != roles.end();
+bool isAdminRole(const std::string& role) {
+  return identity::isClusterAdminRole(role) || role == "org_admin";
 }
 
 bool hasRole(const AccountAccess& access, const api::Context& context, const api::Request& request,
-             Roles roles) {
+             bool (*fits)(const std::string& role)) {
   if (access.auth_mode == "none") return true;
   if (context.identity) {
     const auto& own = context.identity->roles;
-    if (std::any_of(own.begin(), own.end(),
-                    [&](const std::string& role) { return isOneOf(role, roles); })) {
-      return true;
-    }
+    if (std::any_of(own.begin(), own.end(), fits)) return true;
   }
   const auto session = access.getSessionFromRequest(request);
-  return session && isOneOf(session->role, roles);
+  return session && fits(session->role);
 }
 
 }  // namespace
-
-bool isClusterAdminRole(const std::string& role) {
-  return isOneOf(role, kClusterAdminRoles);
-}
 
 std::string sessionTokenOf(const api::Request& request) {
   std::string token = request.getHeader("X-Session-Token");
@@ -72,11 +58,11 @@ api::SessionLookup sessionLookup(const AccountAccess& access) {
 }
 
 bool AccountAccess::isAdmin(const api::Context& context, const api::Request& request) const {
-  return hasRole(*this, context, request, kAdminRoles);
+  return hasRole(*this, context, request, isAdminRole);
 }
 
 bool AccountAccess::isClusterAdmin(const api::Context& context, const api::Request& request) const {
-  return hasRole(*this, context, request, kClusterAdminRoles);
+  return hasRole(*this, context, request, identity::isClusterAdminRole);
 }
 
 }  // namespace tavrel::controller

@@ -31,9 +31,6 @@ struct AccountAccess {
   bool isClusterAdmin(const api::Context& context, const api::Request& request) const;
 };
 
-/// Whether the role is one of the two that govern the whole cluster.
-bool isClusterAdminRole(const std::string& role);
-
 /// The token that the request carries for its session; empty when there is none.
 std::string sessionTokenOf(const api::Request& request);
 

@@ -36,7 +36,8 @@ ChangedUser changeUserFor(const AccountAccess& access, const Context& context,
   auto user = access.store->changeUser(user_id, [&](identity::User& changed) {
     const identity::User before = changed;
     refusal = change(changed);
-    const bool power = isClusterAdminRole(before.role) || isClusterAdminRole(changed.role);
+    const bool power =
+        identity::isClusterAdminRole(before.role) || identity::isClusterAdminRole(changed.role);
     if (!refusal && power && !may_hand_out_power) refusal = clusterAdminRoleRequired();
     if (refusal) changed = before;
   });

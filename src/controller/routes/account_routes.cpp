@@ -60,10 +60,13 @@ Response refusalOf(AccountFault fault, const char* bad_token = "") {
   }
 }
 
-/// Why the body is no JSON object. Here it may be of any length, and members of a wrong type count
-/// as empty.
+/// Bytes of a body: what is read before anybody is known stays small. The longest registration has
+/// a third of it.
+constexpr std::size_t kMaxBody = std::size_t{64} << 10;
+
+/// Why the body is no JSON object. Here members of a wrong type count as empty.
 std::optional<Response> refusedObject(const Request& req) {
-  return refusedBody(req, {}, "Invalid JSON body", kAnyLength);
+  return refusedBody(req, {}, "Invalid JSON body", kMaxBody);
 }
 
 RegistrationForm formOf(const json& body) {
@@ -234,8 +237,12 @@ struct AccountRoutes {
   }
 
   Response logout(const Request& req) const {
-    if (access.store != nullptr) access.store->deleteSession(sessionTokenOf(req));
     Response response = Response::ok({{"status", "logged_out"}});
+    const std::string token = sessionTokenOf(req);
+    if (access.store != nullptr && !access.store->deleteSession(token) &&
+        access.store->validateSession(token)) {
+      response = Response::error(500, "Failed to end session");
+    }
     response.headers["Set-Cookie"] = kClearingCookie;
     return response;
   }
@@ -302,19 +309,20 @@ struct AccountRoutes {
 
 void addAccountRoutes(api::RouteBook& book, const AccountAccess& access, net::SmtpClient& smtp) {
   const AccountRoutes h{access, smtp};
-  book.post("/api/v1/auth/register", [h](auto&, auto& req) { return h.registerAccount(req); });
+  const auto post = [&](const char* path, api::Handler handler) {
+    book.post(path, std::move(handler), kMaxBody);
+  };
+  post("/api/v1/auth/register", [h](auto&, auto& req) { return h.registerAccount(req); });
   book.get("/api/v1/auth/verify-email", [h](auto&, auto& req) { return h.verifyFromLink(req); });
-  book.post("/api/v1/auth/verify-email", [h](auto&, auto& req) { return h.verify(req); });
-  book.post("/api/v1/auth/login", [h](auto&, auto& req) { return h.login(req); });
+  post("/api/v1/auth/verify-email", [h](auto&, auto& req) { return h.verify(req); });
+  post("/api/v1/auth/login", [h](auto&, auto& req) { return h.login(req); });
   book.get("/api/v1/auth/session", [h](auto&, auto& req) { return h.session(req); });
   book.get("/api/v1/auth/me", [h](auto& context, auto& req) { return h.me(context, req); });
-  book.post("/api/v1/auth/logout", [h](auto&, auto& req) { return h.logout(req); });
-  book.post("/api/v1/auth/change-password",
-            [h](auto&, auto& req) { return h.changePassword(req); });
-  book.post("/api/v1/auth/forgot-password",
-            [h](auto&, auto& req) { return h.forgotPassword(req); });
+  post("/api/v1/auth/logout", [h](auto&, auto& req) { return h.logout(req); });
+  post("/api/v1/auth/change-password", [h](auto&, auto& req) { return h.changePassword(req); });
+  post("/api/v1/auth/forgot-password", [h](auto&, auto& req) { return h.forgotPassword(req); });
   book.get("/api/v1/auth/reset-password", [h](auto&, auto& req) { return h.resetForm(req); });
-  book.post("/api/v1/auth/reset-password", [h](auto&, auto& req) { return h.resetPassword(req); });
+  post("/api/v1/auth/reset-password", [h](auto&, auto& req) { return h.resetPassword(req); });
 }
 
 }  // namespace tavrel::controller

@@ -6,9 +6,9 @@
 
 #include "api/auth_middleware.h"
 #include "controller/routes/account_access.h"
+#include "controller/routes/account_body.h"
 #include "controller/routes/families.h"
 #include "controller/routes/key_prefix.h"
-#include "controller/routes/route_input.h"
 
 namespace tavrel::controller {
 namespace {
@@ -58,11 +58,14 @@ struct AuthRoutes {
 
   Response createKey(const Context& context, const Request& request) const {
     if (!isAdmin(context)) return adminRequired();
-    if (!request.json()) return invalidJsonBody();
+    if (auto refusal =
+            refusedBody(request, {{"name", MemberType::kText}, {"type", MemberType::kText}})) {
+      return *refusal;
+    }
     const nlohmann::json& body = *request.json();
-    const std::string name = body.value("name", "");
+    const std::string name = textOr(body, "name");
     if (name.empty()) return Response::error(400, "'name' is required");
-    const std::string type = body.value("type", "client");
+    const std::string type = textOr(body, "type", "client");
     const std::string key = auth.generateApiKey(name, type, stringsOr(body, "roles", {}),
                                                 stringsOr(body, "permissions", {}));
     return Response::created(
@@ -74,8 +77,8 @@ struct AuthRoutes {
 
   Response revokeKey(const Context& context, const Request& request) const {
     if (!isAdmin(context)) return adminRequired();
-    if (!request.json()) return invalidJsonBody();
-    const std::string key = request.json()->value("key", "");
+    if (auto refusal = refusedBody(request, {{"key", MemberType::kText}})) return *refusal;
+    const std::string key = textOr(*request.json(), "key");
     if (key.empty()) return Response::error(400, "'key' is required");
     if (!auth.revokeApiKey(key)) return Response::error(404, "API key not found");
     return Response::ok({{"status", "revoked"}});
@@ -83,9 +86,9 @@ struct AuthRoutes {
 
   Response issueWorkerToken(const Context& context, const Request& request) const {
     if (!context.identity) return Response::error(401, "Authentication required");
-    if (!request.json()) return invalidJsonBody();
+    if (auto refusal = refusedBody(request, {{"worker_id", MemberType::kText}})) return *refusal;
     const nlohmann::json& body = *request.json();
-    const std::string worker_id = body.value("worker_id", "");
+    const std::string worker_id = textOr(body, "worker_id");
     if (worker_id.empty()) return Response::error(400, "'worker_id' is required");
     const std::string token = auth.issueWorkerToken(
         worker_id, stringsOr(body, "permissions", {"inference", "heartbeat", "status"}));

@@ -138,7 +138,8 @@ struct OrganizationRoutes {
     if (email.empty()) return Response::error(400, "Email required");
     const auto invited = store().findByEmail(email);
     if (!invited) return Response::error(404, "User not found with that email");
-    const std::string role = textOr(*request.json(), "role", "viewer");
+    std::string role = textOr(*request.json(), "role");
+    if (role.empty()) role = "viewer";
     const ChangedUser changed = changeUserFor(access, context, request, invited->id,
                                               [&](User& user) -> std::optional<Response> {
                                                 user.org_id = org_id;

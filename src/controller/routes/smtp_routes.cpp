@@ -1,8 +1,8 @@
 #include <array>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "api/route_book.h"
 #include "controller/routes/account_access.h"
@@ -40,7 +40,7 @@ struct SmtpRoutes {
   Response update(const Request& req) const {
     if (auto refusal = refuse(req)) return *refusal;
     if (!req.json() || !req.json()->is_object()) return invalidJsonBody();
-    std::vector<std::pair<std::string, std::string>> given;
+    std::map<std::string, std::string> given;
     for (const char* key : kKeys) {
       const auto member = req.json()->find(key);
       if (member == req.json()->end()) continue;
@@ -51,13 +51,9 @@ struct SmtpRoutes {
       if (value.find_first_of(std::string_view("\r\n\0", 3)) != std::string::npos) {
         return Response::error(400, std::string(key) + " must be a single line");
       }
-      given.emplace_back(key, std::move(value));
+      given[key] = std::move(value);
     }
-    for (const auto& [key, value] : given) {
-      if (!access.store->setSetting(key, value)) {
-        return Response::error(500, "Failed to store settings");
-      }
-    }
+    if (!access.store->setSettings(given)) return Response::error(500, "Failed to store settings");
     return Response::ok({{"status", "smtp_updated"}});
   }
 

@@ -1,6 +1,7 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
+#include <vector>
 
 #include "api/route_book.h"
 #include "controller/routes/account_body.h"
@@ -27,6 +28,10 @@ constexpr std::initializer_list<BodyMember> kConversationMembers = {
     {"model", MemberType::kText},
     {"messages", MemberType::kArray}};
 
+/// Conversations of an import that are stored in one go: each alone would wait for the disk, all
+/// together would let everybody else wait.
+constexpr std::size_t kImportedAtOnce = 256;
+
 std::string scopeOf(const Session& session) {
   return "user:" + session.user_id;
 }
@@ -37,6 +42,10 @@ Response conversationNotFound() {
 
 Response accessDenied() {
   return Response::error(403, "Access denied");
+}
+
+Response notImported() {
+  return Response::error(500, "Failed to import conversations");
 }
 
 /// A conversation of the caller as the body describes it; `title` when it tells none.
@@ -159,6 +168,13 @@ struct UserDataRoutes {
       return Response::error(400, "conversations array is required");
     }
     std::size_t count = 0;
+    std::vector<ChatConversation> batch;
+    const auto store_batch = [&] {
+      const auto stored = store->importConversations(batch);
+      count += stored.value_or(0);
+      batch.clear();
+      return stored.has_value();
+    };
     for (const json& element : *elements) {
       if (!element.is_object() || !hasTypes(element, kConversationMembers) ||
           !hasTypes(element, {{"created_at", MemberType::kText}})) {
@@ -166,8 +182,10 @@ struct UserDataRoutes {
       }
       ChatConversation made = newConversation(session, element, "Imported Chat");
       made.created_at = textOr(element, "created_at", made.created_at);
-      if (store->createConversation(made)) ++count;
+      batch.push_back(std::move(made));
+      if (batch.size() == kImportedAtOnce && !store_batch()) return notImported();
     }
+    if (!store_batch()) return notImported();
     return Response::ok({{"status", "imported"}, {"count", count}});
   }
 

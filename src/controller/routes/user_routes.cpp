@@ -132,7 +132,7 @@ struct UserRoutes {
     }
     const NewAccount wanted(*request.json());
     if (auto refusal = wanted.refusal()) return *refusal;
-    if (isClusterAdminRole(wanted.role) && !access.isClusterAdmin(context, request)) {
+    if (identity::isClusterAdminRole(wanted.role) && !access.isClusterAdmin(context, request)) {
       return clusterAdminRoleRequired();
     }
     if (store().findByEmail(wanted.email)) return emailTaken();
@@ -177,7 +177,7 @@ struct UserRoutes {
           return std::nullopt;
         });
     if (!changed.user) return changed.refusal;
-    store().deleteUserSessions(id);
+    if (!store().deleteUserSessions(id)) return Response::error(500, "Failed to end sessions");
     return Response::ok(changed.user->toJson());
   }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "identity/account_upkeep.h"
+#include "store/database.h"
 #include "user_store_fixture.h"
 
 namespace tavrel::identity {
@@ -175,6 +176,25 @@ TEST_F(AccountServiceTest, AVerificationTokenIsUsedOnceAndForNothingElse) {
   EXPECT_EQ(faultOf(accounts_.verifyEmail("orphan")), AccountFault::kUserGone);
 }
 
+TEST_F(AccountServiceTest, TokensLiveAsLongAsTheMailsSay) {
+  const std::string before_verify = crypto::futureISO8601(86400);
+  const std::string before_reset = crypto::futureISO8601(3600);
+  registered("ada@lab.org");
+  testing::internal::CaptureStdout();
+  accounts_.requestPasswordReset("ada@lab.org");
+  testing::internal::GetCapturedStdout();
+  store::Database other("");
+  ASSERT_TRUE(other.open(path_));
+  const auto expiry = [&](const char* type) {
+    const auto text = [](store::Statement& row) { return row.nextText(); };
+    return other.findOne(text, "SELECT expires_at FROM tokens WHERE type=?", type).value_or("");
+  };
+  EXPECT_GE(expiry("verify_email"), before_verify);
+  EXPECT_LE(expiry("verify_email"), crypto::futureISO8601(86400));
+  EXPECT_GE(expiry("reset_password"), before_reset);
+  EXPECT_LE(expiry("reset_password"), crypto::futureISO8601(3600));
+}
+
 TEST_F(AccountServiceTest, ANewPasswordEndsEverySession) {
   const Registration ada = registered("ada@lab.org");
   const std::string& id = ada.user.id;
@@ -189,6 +209,18 @@ TEST_F(AccountServiceTest, ANewPasswordEndsEverySession) {
   EXPECT_TRUE(store_->validateSession(bob.session->token));
   EXPECT_EQ(faultOf(accounts_.login("ada@lab.org", "password1")), AccountFault::kWrongCredentials);
   EXPECT_TRUE(std::holds_alternative<Login>(accounts_.login("ada@lab.org", "password2")));
+}
+
+TEST_F(AccountServiceTest, APasswordStaysWhenItsSessionsCannotBeEnded) {
+  const Registration ada = registered("ada@lab.org");
+  store::Database other("");
+  ASSERT_TRUE(other.open(path_));
+  ASSERT_TRUE(
+      other.exec("CREATE TRIGGER refuse BEFORE DELETE ON sessions "
+                 "BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  EXPECT_EQ(faultOf(accounts_.changePassword(ada.user.id, "password1", "password2")),
+            AccountFault::kNotStored);
+  EXPECT_EQ(store_->findById(ada.user.id)->password_hash, ada.user.password_hash);
 }
 
 TEST_F(AccountServiceTest, AForgottenPasswordIsReplacedWithTheLastTokenOnly) {

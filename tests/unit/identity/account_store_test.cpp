@@ -226,6 +226,30 @@ TEST_F(Accounts, TheFirstUserIsMadeOnceAndAsAWhole) {
   EXPECT_EQ(store_->getSetting("cluster_domain", ""), "example.org");
 }
 
+TEST_F(Accounts, AnAdministratorHoweverMadeEndsTheSetup) {
+  const auto is_open = [&] { return store_->getSetting("first_time_setup", "none"); };
+  User plain = userNamed("plain");
+  plain.role = "org_admin";
+  User gone = userNamed("gone");
+  gone.role = "cluster_admin";
+  gone.active = false;
+  ASSERT_TRUE(store_->setSetting("first_time_setup", "true"));
+  ASSERT_TRUE(store_->createUser(plain) && store_->createUser(gone));
+  EXPECT_EQ(is_open(), "true") << "nobody governs yet";
+  ASSERT_TRUE(store_->changeUser(plain.id, [](User& user) { user.role = "cluster_admin"; }));
+  EXPECT_EQ(is_open(), "false");
+
+  for (const char* role : {"cluster_admin", "admin"}) {
+    ASSERT_TRUE(store_->setSetting("first_time_setup", "true"));
+    User made = userNamed(role);
+    made.role = role;
+    ASSERT_TRUE(store_->createUser(made));
+    EXPECT_EQ(is_open(), "false") << role;
+    ASSERT_TRUE(store_->setSetting("first_time_setup", "true"));
+    EXPECT_EQ(store_->createFirstUser(userNamed("eve"), "far.org"), FirstUser::kTaken);
+  }
+}
+
 TEST(CreateUserStore, TakesTheFileFromUrlHomeOrWorkingDirectory) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(createUserStore("postgresql", "x"), nullptr);

@@ -23,6 +23,17 @@ TEST_F(AccountUpkeep, AnEmptyStoreWaitsForItsFirstUser) {
   EXPECT_EQ(store_->getSetting("cluster_domain", "none"), "none");
 }
 
+TEST_F(AccountUpkeep, ASetupThatAnAdministratorShouldHaveEndedEnds) {
+  store_->createUser(userNamed("plain"));
+  store_->setSetting("first_time_setup", "true");
+  prepareAccounts(*store_);
+  EXPECT_EQ(store_->getSetting("first_time_setup", ""), "true") << "somebody has to govern";
+  store_->createUser(administrator("ada", "ada@lab.example"));
+  store_->setSetting("first_time_setup", "true");
+  prepareAccounts(*store_);
+  EXPECT_EQ(store_->getSetting("first_time_setup", ""), "false");
+}
+
 TEST_F(AccountUpkeep, TheClusterTakesTheDomainOfAnAdministratorAndKeepsIt) {
   store_->createUser(userNamed("plain"));
   store_->createUser(administrator("local", "root"));

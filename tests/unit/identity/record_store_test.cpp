@@ -117,7 +117,7 @@ TEST_F(Records, SettingsBelongToTheirScope) {
   EXPECT_THAT(all("user:b", ""), ElementsAre(Pair("ui/theme", "light")));
 }
 
-TEST_F(Records, SettingsOfOneCallAreStoredTogetherOrNotAtAll) {
+TEST_F(Records, WhatOneCallStoresIsStoredTogetherOrNotAtAll) {
   ASSERT_TRUE(store_->setSettings("user:a", "ui", {{"theme", "dark"}, {"font", "serif"}}));
   store::Database other("");
   ASSERT_TRUE(other.open(path_));
@@ -128,6 +128,27 @@ TEST_F(Records, SettingsOfOneCallAreStoredTogetherOrNotAtAll) {
   EXPECT_THAT(store_->getSettings("user:a", "ui"),
               ElementsAre(Field(&UserSettingEntry::value, "serif"),
                           Field(&UserSettingEntry::value, "dark")));
+
+  ASSERT_TRUE(
+      other.exec("CREATE TRIGGER refuse2 BEFORE INSERT ON settings "
+                 "WHEN NEW.key='smtp_user' BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  EXPECT_FALSE(store_->setSettings({{"smtp_server", "mail"}, {"smtp_user", "us"}}));
+  EXPECT_EQ(store_->getSetting("smtp_server", "none"), "none");
+  EXPECT_TRUE(store_->setSettings({{"smtp_server", "mail"}, {"smtp_tls", "ssl"}}));
+  EXPECT_EQ(store_->getSetting("smtp_tls", ""), "ssl");
+
+  ASSERT_TRUE(
+      other.exec("CREATE TRIGGER refuse3 BEFORE INSERT ON chat_history "
+                 "WHEN NEW.id='bad' BEGIN SELECT RAISE(ABORT, 'no'); END"));
+  const auto import = [&](const std::vector<std::string>& ids) {
+    std::vector<ChatConversation> conversations(ids.size());
+    for (std::size_t i = 0; i < ids.size(); ++i) conversations[i].id = ids[i];
+    return store_->importConversations(conversations);
+  };
+  EXPECT_EQ(import({"c1", "c2", "c1"}), 2U) << "an id that is taken is passed over";
+  EXPECT_EQ(import({"c3", "bad"}), std::nullopt);
+  EXPECT_FALSE(store_->getConversation("c3"));
+  EXPECT_EQ(import({}), 0U);
 }
 
 TEST_F(Records, CredentialsShowToOwnersAndWhenSharedToTheOrganization) {
@@ -225,6 +246,11 @@ TEST_F(Records, ConversationsAreListedByPinAndTime) {
   EXPECT_EQ(stored->user_id, "usr_a") << "a conversation stays with its owner";
   EXPECT_FALSE(stored->toJson().contains("messages"));
   EXPECT_EQ(stored->toJson(true)["messages"][0]["content"], "hé");
+  for (const bool archived : {true, false}) {
+    for (const ChatConversation& listed : store_->listConversations("usr_a", archived)) {
+      EXPECT_EQ(listed.messages, "") << "they can be gigabytes";
+    }
+  }
   ChatConversation torn = *stored;
   torn.messages = "[{";
   ASSERT_TRUE(store_->updateConversation(torn));
