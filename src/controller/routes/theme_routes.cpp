@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "ai/ai_control.h"
+#include "ai/model_specialization_extractor.h"
 #include "ai/theme_detector.h"
 #include "api/route_book.h"
 #include "controller/routes/families.h"
@@ -50,7 +51,12 @@ struct ThemeRoutes {
     const std::string content = req.json()->value("content", "");
     const bool use_llm = req.json()->value("use_llm", true);
     if (content.empty()) return Response::error(400, "Content is required");
-    return Response::ok(forDetection()->detectTheme(content, use_llm).toJson());
+    const bool finer = req.json()->value("specializations", false);
+    json reply = forDetection()->detectTheme(content, use_llm).toJson();
+    if (finer) {
+      reply["specializations"] = ai::ModelSpecializationExtractor::detectThemesFromPrompt(content);
+    }
+    return Response::ok(reply);
   }
 
   Response load(const Request& req) const {
