@@ -33,7 +33,9 @@ struct ThemeRoutes {
     ai::ThemeConfig theme = ai::ThemeConfig::fromJson(*req.json());
     if (theme.name.empty()) return Response::error(400, "Theme name is required");
     json reply = {{"success", true}, {"theme", theme.name}};
-    detector.getOrCreate()->addTheme(std::move(theme));
+    if (!detector.getOrCreate()->addTheme(std::move(theme))) {
+      return Response::error(400, "Too many keywords");
+    }
     return Response::ok(reply);
   }
 
