@@ -60,7 +60,7 @@ std::size_t KeywordFinder::add(std::string_view keyword) {
   } else if (KeywordFinder::prepare(text) == text) {
     const std::int32_t end = insert(text);
     if (end == kNone) {
-      searched_alone_.emplace_back(text, number);
+      complete_ = false;
     } else {
       states_[static_cast<std::size_t>(end)].keyword = static_cast<std::int32_t>(number);
     }
@@ -68,7 +68,7 @@ std::size_t KeywordFinder::add(std::string_view keyword) {
   return number;
 }
 
-/// The state of the keyword's last character, kNone when the tables would grow too large.
+/// The state of the keyword's last character, kNone when the tables could grow too large.
 std::int32_t KeywordFinder::insert(std::string_view lowered) {
   if (states_.size() + lowered.size() > kMaxStates) return kNone;
   std::size_t state = 0;
@@ -140,9 +140,6 @@ std::vector<char> KeywordFinder::find(std::string_view prepared) const {
     state = states_[static_cast<std::size_t>(state)].next[static_cast<std::size_t>(symbol)];
     const State& at = states_[static_cast<std::size_t>(state)];
     if (at.keyword != kNone || at.shorter != kNone) mark(state, found);
-  }
-  for (const auto& [text, number] : searched_alone_) {
-    if (prepared.find(text) != std::string_view::npos) found[number] = 1;
   }
   return found;
 }

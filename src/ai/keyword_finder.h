@@ -17,11 +17,18 @@ namespace tavrel::ai {
 /// empty keyword always does.
 ///
 /// Use: add every keyword, then build, then find. Threads: find from any number once built.
+/// Failure: keywords that would take more than kMaxStates are left out, which complete() tells.
 class KeywordFinder {
  public:
+  /// Letters that keywords may have together, those of a common beginning counted once: whoever
+  /// configures megabytes of them must not get gigabytes of tables.
+  static constexpr std::size_t kMaxStates = std::size_t{1} << 19;
+
   /// The number under which `find` tells about the keyword. Case does not matter.
   std::size_t add(std::string_view keyword);
   void build();
+  /// Whether every keyword that was added is searched for.
+  bool complete() const { return complete_; }
 
   /// For each number whether the keyword occurs.
   std::vector<char> find(std::string_view prepared) const;
@@ -31,9 +38,6 @@ class KeywordFinder {
 
  private:
   static constexpr std::size_t kSymbols = 38;
-  /// Keywords beyond so many states are searched for one by one: whoever configures megabytes of
-  /// them must not get gigabytes of tables.
-  static constexpr std::size_t kMaxStates = std::size_t{1} << 16;
   static constexpr std::int32_t kNone = -1;
 
   struct State {
@@ -48,7 +52,7 @@ class KeywordFinder {
 
   std::unordered_map<std::string, std::size_t> numbers_;
   std::vector<State> states_ = std::vector<State>(1);
-  std::vector<std::pair<std::string, std::size_t>> searched_alone_;
+  bool complete_ = true;
   std::size_t always_ = SIZE_MAX;  ///< the number of the empty keyword
 };
 

@@ -162,8 +162,11 @@ std::shared_ptr<const ThemeDetector::Prepared> ThemeDetector::themes() const {
   return themes_;
 }
 
-void ThemeDetector::publish(std::map<std::string, ThemeConfig> themes) {
-  themes_ = std::make_shared<const Prepared>(std::move(themes));
+bool ThemeDetector::publish(std::map<std::string, ThemeConfig> themes) {
+  auto prepared = std::make_shared<const Prepared>(std::move(themes));
+  if (!prepared->finder.complete()) return false;
+  themes_ = std::move(prepared);
+  return true;
 }
 
 ThemeResult ThemeDetector::detectTheme(const std::string& content, bool use_llm) {
@@ -241,19 +244,18 @@ std::string ThemeDetector::callOllama(const std::string& prompt) const {
       .text;
 }
 
-void ThemeDetector::addTheme(ThemeConfig theme) {
+bool ThemeDetector::addTheme(ThemeConfig theme) {
   const MutexLock lock(themes_mu_);
   auto configs = themes_->configs();
-  configs[theme.name] = std::move(theme);
-  publish(std::move(configs));
+  std::string name = theme.name;
+  configs[std::move(name)] = std::move(theme);
+  return publish(std::move(configs));
 }
 
 bool ThemeDetector::removeTheme(const std::string& name) {
   const MutexLock lock(themes_mu_);
   auto configs = themes_->configs();
-  if (configs.erase(name) == 0) return false;
-  publish(std::move(configs));
-  return true;
+  return configs.erase(name) == 1 && publish(std::move(configs));
 }
 
 std::optional<ThemeConfig> ThemeDetector::getTheme(const std::string& name) const {
@@ -297,7 +299,7 @@ bool ThemeDetector::loadThemesFromFile(const std::string& path) {
       std::string name = theme.name;
       configs[std::move(name)] = std::move(theme);
     }
-    publish(std::move(configs));
+    if (!publish(std::move(configs))) throw std::runtime_error("too many keywords");
     return true;
   } catch (const std::exception& error) {
     platform::printError(std::string("[ThemeDetector] Failed to load themes: ") + error.what());

@@ -35,8 +35,9 @@ class ThemeDetector {
   /// llm_fallback_threshold; its answer holds when it is surer.
   ThemeResult detectTheme(const std::string& content, bool use_llm);
 
-  /// Adds the theme, or replaces the one of its name.
-  void addTheme(ThemeConfig theme) TV_EXCLUDES(themes_mu_);
+  /// Adds the theme, or replaces the one of its name. False, and no change, when the themes would
+  /// have more keywords together than can be searched for (KeywordFinder::kMaxStates).
+  bool addTheme(ThemeConfig theme) TV_EXCLUDES(themes_mu_);
   bool removeTheme(const std::string& name) TV_EXCLUDES(themes_mu_);
   std::optional<ThemeConfig> getTheme(const std::string& name) const TV_EXCLUDES(themes_mu_);
   std::vector<ThemeConfig> getThemes() const TV_EXCLUDES(themes_mu_);  ///< in name order
@@ -52,7 +53,8 @@ class ThemeDetector {
   struct Prepared;
 
   std::shared_ptr<const Prepared> themes() const TV_EXCLUDES(themes_mu_);
-  void publish(std::map<std::string, ThemeConfig> themes) TV_REQUIRES(themes_mu_);
+  /// False, and no change, when they have too many keywords.
+  bool publish(std::map<std::string, ThemeConfig> themes) TV_REQUIRES(themes_mu_);
   ThemeResult detectThemeKeywords(const std::string& content) TV_EXCLUDES(stats_mu_);
   ThemeResult detectThemeLLM(const std::string& content) TV_EXCLUDES(stats_mu_);
   std::string callOllama(const std::string& prompt) const;

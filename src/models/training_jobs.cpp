@@ -80,7 +80,7 @@ Outcome TrainingJobs::list(platform::WallTime now) {
       if (result.ok()) lists[i] = jobsIn(result.body);
     });
   }
-  platform::runSideBySide(calls, kMaxCallsAtOnce);
+  platform::runSideBySide(calls, kMaxCallsAtOnce, asking_time_);
 
   json jobs = json::array();
   for (std::size_t i = 0; i < workers.size(); ++i) {
@@ -134,8 +134,12 @@ std::vector<TypedWorkerPtr> TrainingJobs::fresh(platform::WallTime now) const {
 
 TrainingJobs::Found TrainingJobs::locate(const std::string& job_id) {
   if (job_id.empty()) return {};  // its URL would be that of the whole list
+  const platform::SteadyTime start = platform::steadyNow();
+  bool asked = false;
   for (const TypedWorkerPtr& worker : training_workers_.snapshot()) {
     if (worker->baseUrl().empty()) continue;
+    if (asked && platform::steadyNow() - start > asking_time_) return {};
+    asked = true;
     const net::HttpResult result =
         client_.get(net::CallKind::kTrainingJobs, jobUrl(worker, job_id));
     json job = result.ok() ? net::parsedJson(result.body) : json();

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
@@ -19,16 +20,23 @@ class TrainingJobs {
  public:
   /// How many training workers are asked at once for their lists.
   static constexpr std::size_t kMaxCallsAtOnce = 16;
+  /// How long workers are asked one after the other: registering is open to everybody, and
+  /// thousands that do not answer must not hold a request for hours.
+  static constexpr std::chrono::milliseconds kAskingTime{120'000};
 
   /// The references must outlive this.
   TrainingJobs(net::WorkerClient& client, const worker::TypedWorkerRegistry& training_workers,
-               const ModelRegistry& registry)
-      : client_(client), training_workers_(training_workers), registry_(registry) {}
+               const ModelRegistry& registry, std::chrono::milliseconds asking_time = kAskingTime)
+      : client_(client),
+        training_workers_(training_workers),
+        registry_(registry),
+        asking_time_(asking_time) {}
 
   /// Hands the job to the least busy worker that has the backend asked for. Throws nlohmann's
   /// exception when the body is not an object or "backend" is neither a text nor null.
   platform::Outcome submit(nlohmann::json body, platform::WallTime now);
-  /// The jobs of every worker heard of lately; those that fail to answer are left out.
+  /// The jobs of every worker heard of lately; those that fail to answer, or whose turn did not
+  /// come within kAskingTime, are left out here and below.
   platform::Outcome list(platform::WallTime now);
   platform::Outcome find(const std::string& job_id);
   platform::Outcome cancel(const std::string& job_id);
@@ -48,6 +56,7 @@ class TrainingJobs {
   net::WorkerClient& client_;
   const worker::TypedWorkerRegistry& training_workers_;
   const ModelRegistry& registry_;
+  const std::chrono::milliseconds asking_time_;
 };
 
 }  // namespace tavrel::models

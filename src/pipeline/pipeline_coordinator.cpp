@@ -282,6 +282,7 @@ PipelineCoordinator::Or<PipelineCoordinator::Entry> PipelineCoordinator::entryFo
   if (request.strategy == ShardStrategy::kManual) entry.manual_layers = request.manual_layers;
   PipelineConfig& config = entry.config;
   config.model_id = request.model_id;
+  config.model_path = request.model_path;  // unless the data worker knows better
   config.data_worker_url = request.data_worker_url;
   config.strategy = request.strategy;
   config.transport = request.transport;
@@ -340,12 +341,14 @@ std::optional<Outcome> PipelineCoordinator::readFromDataWorker(const std::string
 }
 
 std::optional<Outcome> PipelineCoordinator::readFromFile(const std::string& path, Entry& entry) {
-  if (!GGUFParser::parseMetadata(path, entry.model)) {
-    return Outcome::refused(400, "Failed to parse GGUF file: " + path);
+  std::string reason;
+  if (!GGUFParser::parseMetadata(path, entry.model, reason)) {
+    const std::string error = "Failed to parse GGUF file: " + path;
+    platform::printError("[Pipeline] " + error + " (" + reason + ")");
+    return Outcome::refused(400, error);
   }
   entry.model.tensors = {};
   entry.model.layer_ranges = {};
-  entry.config.model_path = path;
   entry.config.model_name = entry.model.name.empty()
                                 ? platform::replaceInvalidUtf8(entry.model.file_name)
                                 : entry.model.name;

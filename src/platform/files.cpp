@@ -44,6 +44,31 @@ std::string parentOf(const std::string& path) {
   return slash == 0 ? "/" : path.substr(0, slash);
 }
 
+bool writeWhole(const Descriptor& file, std::string_view content) {
+  return writeAll(file.get(), content) && ::fsync(file.get()) == 0;
+}
+
+/// Makes a new file of that name with the content, synced. Nothing is left behind on failure.
+bool createFile(const std::string& path, std::string_view content) {
+  constexpr mode_t kMode = S_IRUSR | S_IWUSR;
+  // Without a name until it is whole: a process that is killed leaves no copy of a secret lying
+  // about.
+  const Descriptor unnamed(::open(parentOf(path).c_str(), O_WRONLY | O_TMPFILE | O_CLOEXEC, kMode));
+  if (unnamed.get() >= 0) {
+    if (!writeWhole(unnamed, content)) return false;
+    const std::string source = "/proc/self/fd/" + std::to_string(unnamed.get());
+    if (::linkat(AT_FDCWD, source.c_str(), AT_FDCWD, path.c_str(), AT_SYMLINK_FOLLOW) == 0) {
+      return true;
+    }
+  }
+  // Not every file system can do that.
+  const Descriptor named(::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kMode));
+  if (named.get() < 0) return false;
+  if (writeWhole(named, content)) return true;
+  ::unlink(path.c_str());
+  return false;
+}
+
 /// Beyond it the system calls a chain of symbolic links a loop.
 constexpr int kMaxLinks = 40;
 
@@ -94,14 +119,8 @@ bool writeFileAtomically(const std::string& wanted, std::string_view content) {
   if (!target) return false;
   const std::string& path = *target;
   const std::string temporary = path + ".tmp-" + randomHex(8);
-  bool written = false;
-  {
-    const Descriptor file(
-        ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, S_IRUSR | S_IWUSR));
-    if (file.get() < 0) return false;
-    written = writeAll(file.get(), content) && ::fsync(file.get()) == 0;
-  }
-  if (!written || ::rename(temporary.c_str(), path.c_str()) != 0) {
+  if (!createFile(temporary, content)) return false;
+  if (::rename(temporary.c_str(), path.c_str()) != 0) {
     ::unlink(temporary.c_str());
     return false;
   }

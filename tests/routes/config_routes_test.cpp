@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "config/backend_profile_manager.h"
 #include "config/local_backends.h"
@@ -135,6 +136,28 @@ TEST(BackendRoutes, ProfilesAreCreatedReplacedAndRemoved) {
   EXPECT_EQ(server.client.get("/api/v1/backends/profiles/" + id).error(),
             "Profile not found: " + id);
   EXPECT_TRUE(server.saved()["profiles"].empty());
+}
+
+TEST(BackendRoutes, ChangesAtOnceAreAllInTheFile) {
+  ConfigServer server;
+  std::vector<std::thread> callers;
+  for (int caller = 0; caller < 4; ++caller) {
+    callers.emplace_back([&server, caller] {
+      JsonClient client(server.server);
+      for (int i = 0; i < 10; ++i) {
+        const std::string id = std::to_string(caller) + '-' + std::to_string(i);
+        client.post("/api/v1/backends/profiles", {{"id", id}});
+        if (i % 2 == 1) client.del("/api/v1/backends/profiles/" + id);
+        client.post("/api/v1/backends/assign", {{"worker_id", id}});
+      }
+    });
+  }
+  for (std::thread& caller : callers) caller.join();
+  EXPECT_EQ(server.saved()["profiles"].size(), 20U);
+  EXPECT_EQ(server.saved()["worker_assignments"].size(), 40U);
+  // Nothing half-written is left beside it.
+  const std::filesystem::directory_iterator folder(server.home / "deep");
+  EXPECT_EQ(std::distance(begin(folder), end(folder)), 1);
 }
 
 TEST(BackendRoutes, AWorkerGetsItsProfilesAndSecretsOnlyWithAKey) {

@@ -354,6 +354,9 @@ TEST(ModelRoutes, ShowAsksTheLocalModelServerAboutAModelThatNoWorkerHasLoaded) {
   server.local_url = knows.url("/");
   EXPECT_EQ(show().json, json::parse(R"({"success":true,"name":"m","modelfile":"FROM x",
       "template":"t","system":"","license":"[\"l\"]","parameters":"","details":{"family":"f"}})"));
+  EXPECT_EQ(server.api.post("/api/v1/models/show", {{"model", "codex"}, {"specialization", true}})
+                .json["specialization"],
+            "code");
 
   MockPeer garbage(MockPeer::answering(httpAnswer(200, "<html>")));
   server.local_url = garbage.url("");

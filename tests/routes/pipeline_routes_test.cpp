@@ -313,6 +313,15 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
     server.addStore(store);
     EXPECT_EQ(refusal(wanted), "Could not determine model layer count");
   }
+  MockPeer terse(MockPeer::answering(httpAnswer(200, R"({"total_layers":2})")));
+  server.addStore(terse);
+  json placed = wanted;
+  placed["model_path"] = "/known/to/workers";
+  json deployed = server.deploy(placed).json;
+  EXPECT_EQ(deployed["model_path"], "/known/to/workers");
+  EXPECT_EQ(deployed["model_name"], "m");
+  EXPECT_EQ(server.act("undeploy", deployed["pipeline_id"]).status, 200);
+
   MockPeer store(MockPeer::answering(httpAnswer(200, kMetadata)));
   server.addStore(store);
   json manual = wanted;

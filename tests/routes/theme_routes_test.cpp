@@ -52,9 +52,16 @@ TEST(ThemeRoutes, ThemesAreListedAddedAndDeleted) {
   EXPECT_EQ(found.json["theme"], "boats");
   EXPECT_EQ(found.json["confidence"], 1.0);
   EXPECT_EQ(found.json["matched_keywords"], json({"keel"}));
+  EXPECT_FALSE(found.json.contains("specializations"));  // only for those who ask
+  EXPECT_EQ(server.client
+                .post("/api/v1/themes/detect", {{"content", "Docker behind nginx, nginx"},
+                                                {"use_llm", false},
+                                                {"specializations", true}})
+                .json["specializations"],
+            json({"nginx", "docker"}));
   EXPECT_EQ(server.client.post("/api/v1/themes/delete", {{"name", "never was"}}).json,
             json({{"success", true}, {"deleted", "never was"}}));
-  EXPECT_EQ(server.client.get("/api/v1/routing/stats").json["theme_stats"]["total_detections"], 1);
+  EXPECT_EQ(server.client.get("/api/v1/routing/stats").json["theme_stats"]["total_detections"], 2);
 }
 
 TEST(ThemeRoutes, OnlyADetectorMadeForDetectionLearnsOfTheModel) {

@@ -179,6 +179,13 @@ TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
             "Training job not found: ");
   EXPECT_EQ(object.requests().size(), 4U);
 
+  // Workers that keep silent are not asked for ever.
+  models::TrainingJobs hurried(server.client, server.typed.of(WorkerKind::kTraining),
+                               server.registry, std::chrono::milliseconds(-1));
+  EXPECT_EQ(hurried.find("j").status, 404);
+  EXPECT_EQ(object.requests().size(), 4U);
+  EXPECT_EQ(hurried.list(platform::wallNow()).body["count"], 1);
+
   server.typed.of(WorkerKind::kTraining).remove("4");
   for (const bool cancel : {false, true}) {
     const JsonReply unknown =

@@ -1,6 +1,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "ai/model_specialization_extractor.h"
 #include "api/route_book.h"
 #include "controller/routes/families.h"
 #include "controller/routes/relay.h"
@@ -68,19 +69,24 @@ struct ModelRoutes {
   Response show(const Request& req) const {
     if (!req.json()) return invalidJsonBody();
     const auto model = req.json()->value("model", std::string());
+    const bool specialization = req.json()->value("specialization", false);
     if (model.empty()) return Response::error(400, "model is required");
     try {
       const models::ModelDetails found =
           models::OllamaClient(client, modelServerOf(model)).showModel(model);
       if (!found.found) return Response::error(404, "Model not found");
-      return Response::ok({{"success", true},
-                           {"name", model},
-                           {"modelfile", found.modelfile},
-                           {"template", found.template_text},
-                           {"system", found.system},
-                           {"license", found.license},
-                           {"parameters", found.parameters},
-                           {"details", found.details}});
+      json reply = {{"success", true},
+                    {"name", model},
+                    {"modelfile", found.modelfile},
+                    {"template", found.template_text},
+                    {"system", found.system},
+                    {"license", found.license},
+                    {"parameters", found.parameters},
+                    {"details", found.details}};
+      if (specialization) {
+        reply["specialization"] = ai::ModelSpecializationExtractor::detectThemeFromModelName(model);
+      }
+      return Response::ok(reply);
     } catch (const std::runtime_error& error) {
       return Response::error(500, std::string("Failed to get model details: ") + error.what());
     }

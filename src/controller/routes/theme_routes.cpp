@@ -2,6 +2,7 @@
 #include <utility>
 
 #include "ai/ai_control.h"
+#include "ai/model_specialization_extractor.h"
 #include "ai/theme_detector.h"
 #include "api/route_book.h"
 #include "controller/routes/families.h"
@@ -32,7 +33,9 @@ struct ThemeRoutes {
     ai::ThemeConfig theme = ai::ThemeConfig::fromJson(*req.json());
     if (theme.name.empty()) return Response::error(400, "Theme name is required");
     json reply = {{"success", true}, {"theme", theme.name}};
-    detector.getOrCreate()->addTheme(std::move(theme));
+    if (!detector.getOrCreate()->addTheme(std::move(theme))) {
+      return Response::error(400, "Too many keywords");
+    }
     return Response::ok(reply);
   }
 
@@ -50,7 +53,12 @@ struct ThemeRoutes {
     const std::string content = req.json()->value("content", "");
     const bool use_llm = req.json()->value("use_llm", true);
     if (content.empty()) return Response::error(400, "Content is required");
-    return Response::ok(forDetection()->detectTheme(content, use_llm).toJson());
+    const bool finer = req.json()->value("specializations", false);
+    json reply = forDetection()->detectTheme(content, use_llm).toJson();
+    if (finer) {
+      reply["specializations"] = ai::ModelSpecializationExtractor::detectThemesFromPrompt(content);
+    }
+    return Response::ok(reply);
   }
 
   Response load(const Request& req) const {

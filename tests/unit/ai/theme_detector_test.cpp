@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 #include <random>
+#include <thread>
 
 #include "ai/keyword_finder.h"
 #include "platform/files.h"
@@ -53,16 +54,16 @@ TEST(KeywordFinder, FindsWhatASearchForEachKeywordFinds) {
   }
 }
 
-TEST(KeywordFinder, FindsAmongMoreKeywordsThanItsTablesHold) {
-  KeywordFinder finder;
-  const std::string huge(100'000, 'x');
-  const std::size_t needle = finder.add("needle");
-  const std::size_t long_one = finder.add(huge);
-  const std::size_t after = finder.add("xyz");
-  finder.build();
-  const std::vector<char> found = finder.find("a needle" + huge + "yz");
-  EXPECT_TRUE(found[needle] && found[long_one] && found[after]);
-  EXPECT_FALSE(finder.find(huge.substr(1))[long_one]);
+TEST(ThemeDetector, MoreKeywordsThanTheTablesHoldAreRefused) {
+  Detector detector;
+  ThemeConfig words;
+  words.name = "words";
+  words.keywords = {std::string(KeywordFinder::kMaxStates / 2, 'x'), "needle"};
+  EXPECT_TRUE(detector.themes.addTheme(words));
+  EXPECT_EQ(detector.detect("a needle").theme, "words");
+  words.keywords.push_back(std::string(KeywordFinder::kMaxStates / 2, 'y'));
+  EXPECT_FALSE(detector.themes.addTheme(words));
+  EXPECT_EQ(detector.themes.getTheme("words")->keywords.size(), 2U);
 }
 
 TEST(ThemeDetector, ScoresByTheShareOfKeywordsFound) {
@@ -114,6 +115,27 @@ TEST(ThemeDetector, ThemesAreReplacedRemovedSavedAndLoaded) {
   std::filesystem::remove(path);
   EXPECT_FALSE(detector.themes.loadThemesFromFile(path));
   EXPECT_FALSE(detector.themes.saveThemesToFile("/nowhere/at/all"));
+}
+
+TEST(ThemeDetector, ThemesChangeWhileTextsAreSorted) {
+  Detector detector;
+  std::thread changing([&detector] {
+    for (int i = 0; i < 100; ++i) {
+      ThemeConfig boats;
+      boats.name = "boats";
+      boats.keywords = {"keel"};
+      detector.themes.addTheme(std::move(boats));
+      detector.themes.removeTheme("boats");
+    }
+  });
+  for (int i = 0; i < 300; ++i) {
+    const ThemeResult found = detector.detect("the keel");
+    // All of a theme or nothing of it.
+    EXPECT_EQ(found.theme == "boats", found.matched_keywords.size() == 1);
+    EXPECT_GE(detector.themes.getThemes().size(), 7U);
+  }
+  changing.join();
+  EXPECT_EQ(detector.themes.getStats()["total_detections"], 300);
 }
 
 TEST(ThemeDetector, AsksTheModelWhenKeywordsSayLittle) {

@@ -1,8 +1,12 @@
 #include "platform/files.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 
@@ -37,6 +41,23 @@ TEST_F(FilesTest, AFailedWriteLeavesTheOldFileAlone) {
   std::filesystem::create_directories(std::filesystem::path(path) / "inside");
   EXPECT_FALSE(writeFileAtomically(path, "x"));
   EXPECT_FALSE(writeFileAtomically(directory_ / "missing" / "file", "x"));
+  const auto entries = std::filesystem::directory_iterator(directory_);
+  EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
+}
+
+TEST_F(FilesTest, AProcessThatIsKilledWhileWritingLeavesNothingBehind) {
+  const int unnamed = ::open(directory_.c_str(), O_WRONLY | O_TMPFILE, 0600);
+  if (unnamed < 0) GTEST_SKIP() << "the file system has no files without names";
+  ::close(unnamed);
+  const std::string path = directory_ / "state.json";
+  ASSERT_TRUE(writeFileAtomically(path, "old"));
+  const auto write_too_much = [&path] {
+    const rlimit limit{1000, 1000};
+    ::setrlimit(RLIMIT_FSIZE, &limit);  // to go beyond it kills the process, in mid-write
+    writeFileAtomically(path, std::string(5000, 'x'));
+  };
+  EXPECT_EXIT(write_too_much(), testing::KilledBySignal(SIGXFSZ), "");
+  EXPECT_EQ(readFile(path), "old");
   const auto entries = std::filesystem::directory_iterator(directory_);
   EXPECT_EQ(std::distance(begin(entries), end(entries)), 1);
 }

@@ -3,6 +3,7 @@
 
 #include <nlohmann/json.hpp>
 #include <set>
+#include <thread>
 
 #include "worker/typed_worker_registry.h"
 
@@ -194,6 +195,35 @@ TEST(TypedWorkerRegistry, OnlyReachableDaemonsAreOffered) {
   EXPECT_EQ(registry.firstOnline(kNow + seconds{91}), nullptr);
   EXPECT_EQ(registry.remove("c")->id, "c");
   EXPECT_EQ(registry.remove("c"), nullptr);
+}
+
+TEST(TypedWorkerRegistry, ConcurrentUseLosesNoHeartbeat) {
+  TypedWorkerRegistries typed;
+  TypedWorkerRegistry& registry = typed.of(WorkerKind::kMedia);
+  constexpr int kHeartbeats = 300;
+  registry.registerWorker(registered(WorkerKind::kMedia, {{"id", "shared"}}));
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 3; ++thread) {
+    threads.emplace_back([&registry, own = "own" + std::to_string(thread)] {
+      for (int i = 0; i < kHeartbeats; ++i) {
+        registry.update("shared", [](TypedWorkerInfo& worker) {
+          applyTypedHeartbeat(worker, {{"active_jobs", worker.number("active_jobs") + 1}}, kNow);
+        });
+        registry.registerWorker(registered(WorkerKind::kMedia, {{"id", own}}, kNow));
+        if (i % 7 == 0) registry.remove(own);
+      }
+    });
+  }
+  threads.emplace_back([&typed, &registry] {
+    for (int i = 0; i < kHeartbeats; ++i) {
+      typed.reap(kNow + seconds{i % 2 == 0 ? 0 : 91});
+      for (const TypedWorkerPtr& worker : registry.snapshot()) {
+        EXPECT_EQ(worker->toJson(kNow)["id"], worker->id);
+      }
+    }
+  });
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(registry.find("shared")->number("active_jobs"), 3 * kHeartbeats);
 }
 
 }  // namespace
