@@ -39,11 +39,6 @@ std::string_view outermostObject(std::string_view reply) {
   return reply.substr(begin, end - begin + 1);
 }
 
-std::string textMember(const nlohmann::json& object, const char* key) {
-  const nlohmann::json* value = platform::jsonMember(object, key);
-  return value != nullptr && value->is_string() ? value->get<std::string>() : std::string();
-}
-
 float confidenceOf(const nlohmann::json& object) {
   const nlohmann::json* value = platform::jsonMember(object, "confidence");
   if (value == nullptr || !value->is_number()) return 0.5F;
@@ -53,10 +48,10 @@ float confidenceOf(const nlohmann::json& object) {
 AIDecision readDecision(const nlohmann::json& reply) {
   AIDecision decision;
   decision.decision_type = "select_worker";
-  decision.target_id = textMember(reply, "worker_id");
-  if (decision.target_id.empty()) decision.target_id = textMember(reply, "target_id");
+  decision.target_id = platform::textMember(reply, "worker_id");
+  if (decision.target_id.empty()) decision.target_id = platform::textMember(reply, "target_id");
   decision.confidence = confidenceOf(reply);
-  decision.reasoning = textMember(reply, "reasoning");
+  decision.reasoning = platform::textMember(reply, "reasoning");
   return decision;
 }
 

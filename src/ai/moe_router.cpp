@@ -13,11 +13,6 @@ namespace {
 constexpr const char* kMembers[] = {"enabled", "router_model", "default_expert", "experts"};
 constexpr std::size_t kPreviewCharacters = 100;
 
-std::string textMember(const nlohmann::json& object, const char* key) {
-  const nlohmann::json* value = platform::jsonMember(object, key);
-  return value != nullptr && value->is_string() ? value->get<std::string>() : std::string();
-}
-
 bool flagMember(const nlohmann::json& object, const char* key, bool fallback) {
   const nlohmann::json* value = platform::jsonMember(object, key);
   return value != nullptr && value->is_boolean() ? value->get<bool>() : fallback;
@@ -42,8 +37,8 @@ struct Expert {
 
 Expert readExpert(const nlohmann::json& object) {
   Expert expert;
-  expert.id = textMember(object, "id");
-  expert.model = textMember(object, "model");
+  expert.id = platform::textMember(object, "id");
+  expert.model = platform::textMember(object, "model");
   expert.categories = textsOf(object, "categories");
   for (const std::string& keyword : textsOf(object, "keywords")) {
     if (!keyword.empty()) expert.keywords.push_back(platform::toLower(keyword));
@@ -75,7 +70,7 @@ struct MoeRouter::Snapshot {
 
   explicit Snapshot(nlohmann::json value) : document(std::move(value)) {
     enabled = flagMember(document, "enabled", false);
-    default_expert = textMember(document, "default_expert");
+    default_expert = platform::textMember(document, "default_expert");
     const nlohmann::json& list = document.at("experts");
     if (!list.is_array()) return;
     for (const nlohmann::json& object : list) {
@@ -148,8 +143,8 @@ nlohmann::json MoeRouter::update(const nlohmann::json& changes) {
 }
 
 void MoeRouter::addExpert(nlohmann::json expert) {
-  const std::string line =
-      "[MoE] Added expert: " + textMember(expert, "id") + " -> " + textMember(expert, "model");
+  const std::string line = "[MoE] Added expert: " + platform::textMember(expert, "id") + " -> " +
+                           platform::textMember(expert, "model");
   {
     platform::MutexLock lock(mu_);
     nlohmann::json document = snapshot_->document;

@@ -273,8 +273,7 @@ std::vector<ThemeConfig> ThemeDetector::getThemes() const {
 }
 
 bool ThemeDetector::saveThemesToFile(const std::string& path) const {
-  json list = json::array();
-  for (const ThemeConfig& theme : getThemes()) list.push_back(theme.toJson());
+  json list = platform::jsonArray(getThemes());
   const std::size_t count = list.size();
   const json document = {
       {"version", "1.0.0"}, {"themes", std::move(list)}, {"total_themes", count}};

@@ -13,7 +13,6 @@
 #include <string>
 #include <thread>
 #include <utility>
-#include <vector>
 
 #include "api/answer_writer.h"
 #include "platform/console.h"

@@ -1,6 +1,5 @@
 #include "api/httplib_bridge.h"
 
-#include <string_view>
 #include <utility>
 
 #include "api/plain_request.h"

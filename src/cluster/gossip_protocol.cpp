@@ -323,9 +323,7 @@ void GossipProtocol::handleJoin(const GossipMessage& message, GossipMessage& rep
     env_.print("[Gossip] Peer joined: " + id);
     callAll(joined_, *peer);
   }
-  json peers = json::array();
-  for (const PeerController& one : peers_.all()) peers.push_back(one.toJson());
-  reply.payload = {{"peers", std::move(peers)}};
+  reply.payload = {{"peers", platform::jsonArray(peers_.all())}};
 }
 
 void GossipProtocol::handleLeave(const GossipMessage& message) {

@@ -1,7 +1,9 @@
 #include "cluster/node_info.h"
 
-#include <iterator>
 #include <nlohmann/json.hpp>
+
+#include "platform/enum_text.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::cluster {
 namespace {
@@ -15,31 +17,22 @@ constexpr std::string_view kStatusTexts[] = {"unknown",  "starting",  "healthy",
                                              "degraded", "unhealthy", "offline"};
 constexpr std::string_view kModeTexts[] = {"none", "advisory", "autonomous"};
 
-template <class Enum, std::size_t N>
-std::string textOf(Enum value, const std::string_view (&texts)[N]) {
-  const auto place = static_cast<std::size_t>(value);
-  return std::string(place < N ? texts[place] : "unknown");
-}
-
 }  // namespace
 
 std::string nodeTypeToString(NodeType type) {
-  return textOf(type, kTypeTexts);
+  return platform::enumText(type, kTypeTexts);
 }
 
 std::string nodeStatusToString(NodeStatus status) {
-  return textOf(status, kStatusTexts);
+  return platform::enumText(status, kStatusTexts);
 }
 
 std::string aiControlModeToString(AIControlMode mode) {
-  return textOf(mode, kModeTexts);
+  return platform::enumText(mode, kModeTexts);
 }
 
 std::optional<AIControlMode> aiControlModeFromString(std::string_view text) {
-  for (std::size_t place = 0; place < std::size(kModeTexts); ++place) {
-    if (kModeTexts[place] == text) return static_cast<AIControlMode>(place);
-  }
-  return std::nullopt;
+  return platform::enumFromText<AIControlMode>(text, kModeTexts);
 }
 
 json AIControlConfig::toJson() const {
@@ -79,9 +72,7 @@ json RouterRule::toJson() const {
 }
 
 json RouterConfig::toJson() const {
-  json rules = json::array();
-  for (const RouterRule& rule : routing_rules) rules.push_back(rule.toJson());
-  return {{"routing_rules", std::move(rules)}, {"ai_config", ai_config.toJson()}};
+  return {{"routing_rules", platform::jsonArray(routing_rules)}, {"ai_config", ai_config.toJson()}};
 }
 
 json NodeInfo::toJson() const {

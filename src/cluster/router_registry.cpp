@@ -17,12 +17,6 @@ namespace {
 
 constexpr std::size_t kIdDigits = 8;
 
-json rulesJson(const std::vector<RouterRule>& rules) {
-  json array = json::array();
-  for (const RouterRule& rule : rules) array.push_back(rule.toJson());
-  return array;
-}
-
 void readDescription(const json& body, RouterInfo& router) {
   readField(body, "hostname", router.hostname);
   readField(body, "address", router.address);
@@ -42,7 +36,7 @@ json RouterInfo::toJson() const {
           {"ai_mode", aiControlModeToString(ai_control.mode)},
           {"llm_model", ai_control.model},
           {"decision_timeout_ms", ai_control.decision_timeout_ms},
-          {"rules", rulesJson(rules)},
+          {"rules", platform::jsonArray(rules)},
           {"last_heartbeat", platform::toEpochSeconds(last_heartbeat)}};
 }
 

@@ -26,9 +26,7 @@ bool isLoopback(const std::string& host) {
 
 /// The host of a URL, without brackets.
 std::string hostOf(const std::string& url) {
-  const std::size_t scheme_end = url.find("://");
-  std::string host = scheme_end == std::string::npos ? url : url.substr(scheme_end + 3);
-  host = host.substr(0, host.find('/'));
+  const std::string host = net::authorityOf(url);
   if (host.starts_with('[')) return host.substr(1, host.find(']') - 1);
   return host.substr(0, host.find(':'));
 }

@@ -1,7 +1,6 @@
 #include "config/local_backends.h"
 
 #include <nlohmann/json.hpp>
-#include <optional>
 
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
@@ -33,18 +32,12 @@ json objectFrom(const net::HttpResult& result) {
   return nullptr;
 }
 
-std::string textMember(const json& object, const char* key) {
-  if (!object.is_object()) return "";
-  const json* value = platform::jsonMember(object, key);
-  return value != nullptr && value->is_string() ? value->get<std::string>() : "";
-}
-
 std::vector<std::string> modelNames(const json& document) {
   std::vector<std::string> names;
   const json* models = document.is_object() ? platform::jsonMember(document, "models") : nullptr;
   if (models == nullptr || !models->is_array()) return names;
   for (const json& model : *models) {
-    std::string name = textMember(model, "name");
+    std::string name = platform::textMember(model, "name");
     if (!name.empty()) names.push_back(std::move(name));
   }
   return names;
@@ -80,7 +73,7 @@ std::vector<DetectedBackend> detectLocalBackends(net::HttpClient& http,
     DetectedBackend backend;
     backend.type = probe.type;
     backend.url = probe.base_url;
-    backend.version = textMember(objectFrom(health), "version");
+    backend.version = platform::textMember(objectFrom(health), "version");
     backend.available_models =
         modelNames(objectFrom(ask(http, probe.base_url + probe.models_path)));
     backend.healthy = true;

@@ -65,10 +65,4 @@ void LoadSelector::countRouted(const std::string& worker_id) {
   count(worker_id);
 }
 
-std::int64_t LoadSelector::routed(const std::string& worker_id) const {
-  platform::MutexLock lock(mu_);
-  const auto found = active_requests_.find(worker_id);
-  return found == active_requests_.end() ? 0 : found->second;
-}
-
 }  // namespace tavrel::inference

@@ -41,8 +41,6 @@ class LoadSelector {
 
   /// Counts a request that was routed to the worker by another rule.
   void countRouted(const std::string& worker_id) TV_EXCLUDES(mu_);
-  /// Requests routed to the worker since the process started.
-  std::int64_t routed(const std::string& worker_id) const TV_EXCLUDES(mu_);
 
  private:
   struct Rank {
@@ -58,7 +56,7 @@ class LoadSelector {
   const Candidates::Group* upToDate(const std::string& model) TV_REQUIRES(mu_);
   void count(const std::string& worker_id) TV_REQUIRES(mu_);
 
-  mutable platform::Mutex mu_;
+  platform::Mutex mu_;
   Candidates candidates_ TV_GUARDED_BY(mu_);
   std::unordered_map<std::string, std::int64_t> active_requests_ TV_GUARDED_BY(mu_);
   std::uint64_t request_counter_ TV_GUARDED_BY(mu_) = 0;

@@ -10,12 +10,6 @@
 namespace tavrel::inference {
 namespace {
 
-std::string hostOf(const std::string& url) {
-  const auto scheme = url.find("://");
-  const auto begin = scheme == std::string::npos ? 0 : scheme + 3;
-  return url.substr(begin, url.find('/', begin) - begin);
-}
-
 std::vector<LocalModel> readModels(const std::string& body) {
   std::vector<LocalModel> models;
   const nlohmann::json document = platform::parseForeignJson(body);
@@ -37,7 +31,7 @@ std::vector<LocalModel> readModels(const std::string& body) {
 }  // namespace
 
 LocalModelServer::LocalModelServer(net::HttpClient& http, std::string base_url)
-    : http_(http), base_url_(std::move(base_url)), host_(hostOf(base_url_)) {}
+    : http_(http), base_url_(std::move(base_url)), host_(net::authorityOf(base_url_)) {}
 
 std::vector<LocalModel> LocalModelServer::listModels() {
   const net::HttpResult result =

@@ -31,12 +31,6 @@ std::map<std::string, std::vector<std::string>> workersByModel(
   return by_model;
 }
 
-/// The text under `key` of an object; empty when there is none.
-std::string textIn(const nlohmann::json& object, const char* key) {
-  const nlohmann::json* value = platform::jsonMember(object, key);
-  return value != nullptr && value->is_string() ? value->get<std::string>() : "";
-}
-
 }  // namespace
 
 ModelCatalogue::ModelCatalogue(const worker::WorkerRegistry& workers, LocalModelServer& local,
@@ -125,8 +119,8 @@ std::vector<ModelCatalogue::Foreign> ModelCatalogue::readRemoteList(const std::s
   for (const nlohmann::json& entry : *list) {
     if (!entry.is_object()) continue;
     // Workers know a model by its name; a registry's id for it is something else.
-    std::string name = textIn(entry, "name");
-    if (name.empty()) name = textIn(entry, "id");
+    std::string name = platform::textMember(entry, "name");
+    if (name.empty()) name = platform::textMember(entry, "id");
     if (name.empty()) continue;
     Foreign& model = models.emplace_back();
     model.name = std::move(name);

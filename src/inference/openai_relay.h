@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <string>
-#include <string_view>
 #include <utility>
 
 #include "inference/in_flight_board.h"

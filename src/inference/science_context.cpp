@@ -24,9 +24,7 @@ constexpr std::chrono::milliseconds kTotalTimeout{30'000};
 /// The first of the members that is a text with something in it.
 std::string firstText(const nlohmann::json& object, std::initializer_list<const char*> keys) {
   for (const char* key : keys) {
-    const nlohmann::json* value = platform::jsonMember(object, key);
-    if (value == nullptr || !value->is_string()) continue;
-    const auto& text = value->get_ref<const std::string&>();
+    std::string text = platform::textMember(object, key);
     if (!text.empty()) return text;
   }
   return {};

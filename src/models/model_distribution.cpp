@@ -42,15 +42,13 @@ std::string downloadUrl(const std::string& base_url, const std::string& model) {
 }
 
 std::string textOr(const json& object, const char* key, const std::string& fallback) {
-  const json* value = object.is_object() ? platform::jsonMember(object, key) : nullptr;
-  return value != nullptr && value->is_string() && !value->get_ref<const std::string&>().empty()
-             ? value->get<std::string>()
-             : fallback;
+  std::string text = platform::textMember(object, key);
+  return text.empty() ? fallback : text;
 }
 
 /// Adds where the place of origin knows the model to lie on a shared file system.
 void addSharedPath(json& install, const json& known) {
-  const std::string nfs_path = textOr(known, "nfs_path", "");
+  const std::string nfs_path = platform::textMember(known, "nfs_path");
   if (!nfs_path.empty()) install["nfs_path"] = nfs_path;
 }
 

@@ -69,15 +69,10 @@ int isCancelled(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
   return static_cast<Transfer*>(user)->cancelled ? 1 : 0;
 }
 
-/// True when nothing in the text can end the line or the string it is put into.
-bool isOneLine(std::string_view text) {
-  return text.find_first_of(std::string_view("\r\n\0", 3)) == std::string_view::npos;
-}
-
 bool isWellFormed(const HttpCall& call) {
-  return isOneLine(call.method) && isOneLine(call.url) &&
-         std::all_of(call.headers.begin(), call.headers.end(), [](const auto& header) {
-           return isOneLine(header.first) && isOneLine(header.second);
+  return !platform::hasControls(call.method) && !platform::hasControls(call.url) &&
+         std::none_of(call.headers.begin(), call.headers.end(), [](const auto& header) {
+           return platform::hasControls(header.first) || platform::hasControls(header.second);
          });
 }
 
@@ -246,8 +241,14 @@ std::string joinUrl(std::string base_url, const std::string& path) {
   return base_url + path;
 }
 
+std::string authorityOf(const std::string& url) {
+  const auto scheme = url.find("://");
+  const auto begin = scheme == std::string::npos ? 0 : scheme + 3;
+  return url.substr(begin, url.find('/', begin) - begin);
+}
+
 bool isHttpUrl(std::string_view text) {
-  if (!isOneLine(text)) return false;
+  if (platform::hasControls(text)) return false;
   for (const std::string_view scheme : {"http://", "https://"}) {
     if (!platform::equalsIgnoringCase(text.substr(0, scheme.size()), scheme)) continue;
     const std::string_view rest = text.substr(scheme.size());

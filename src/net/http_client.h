@@ -61,6 +61,9 @@ class HttpClient {
 /// `base_url` and `path` (which begins with a slash) with exactly one slash between them.
 std::string joinUrl(std::string base_url, const std::string& path);
 
+/// The part of a URL that names the machine and its port, e.g. "localhost:11434".
+std::string authorityOf(const std::string& url);
+
 /// Whether the text is an http or https URL with a host, in one line.
 bool isHttpUrl(std::string_view text);
 

@@ -12,6 +12,7 @@
 #include "net/socket_wait.h"
 #include "platform/blocking.h"
 #include "platform/clock.h"
+#include "platform/text.h"
 
 namespace tavrel::net {
 namespace {
@@ -44,11 +45,6 @@ std::size_t dropAnswer(char*, std::size_t size, std::size_t count, void*) {
   return size * count;
 }
 
-bool hasControls(std::string_view text) {
-  return std::any_of(text.begin(), text.end(),
-                     [](unsigned char c) { return c < 0x20 || c == 0x7F; });
-}
-
 bool isPort(std::string_view text) {
   return !text.empty() && text.size() <= 5 &&
          text.find_first_not_of("0123456789") == std::string_view::npos;
@@ -56,13 +52,13 @@ bool isPort(std::string_view text) {
 
 /// Nothing in it makes another URL of "smtp://host:port".
 bool isHost(std::string_view text) {
-  return !text.empty() && !hasControls(text) &&
+  return !text.empty() && !platform::hasControls(text) &&
          text.find_first_of(" /?#@\\%") == std::string_view::npos;
 }
 
 /// The address of "address" or "Name <address>"; empty when it is neither.
 std::string bareAddress(const std::string& text) {
-  if (hasControls(text)) return "";
+  if (platform::hasControls(text)) return "";
   const std::size_t begin = text.ends_with('>') ? text.find('<') : std::string::npos;
   const std::string address =
       begin == std::string::npos ? text : text.substr(begin + 1, text.size() - begin - 2);

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <string>
-#include <string_view>
 
 #include "net/http_response_parser.h"
 #include "net/socket_wait.h"

@@ -1,7 +1,6 @@
 #include "pipeline/pipeline_records.h"
 
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "platform/json_fields.h"
 
@@ -49,8 +48,6 @@ std::string pipelineStatusToString(PipelineStatus status) {
 }
 
 json PipelineConfig::toJson() const {
-  json shard_list = json::array();
-  for (const ShardAssignment& shard : shards) shard_list.push_back(shard.toJson());
   return {{"pipeline_id", pipeline_id},
           {"model_id", model_id},
           {"model_name", model_name},
@@ -64,7 +61,7 @@ json PipelineConfig::toJson() const {
           {"strategy", shardStrategyToString(strategy)},
           {"transport", transport},
           {"tensor_port", tensor_port},
-          {"shards", std::move(shard_list)},
+          {"shards", platform::jsonArray(shards)},
           {"shard_count", shards.size()},
           {"status", pipelineStatusToString(status)},
           {"created_at", created_at},

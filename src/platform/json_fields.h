@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-// Reading members of JSON objects that came over the network. Values of a wrong type throw
-// nlohmann's type_error, nothing else does. No state; any thread.
+// Reading members of JSON objects that came over the network, and lists for those that go out.
+// Values of a wrong type throw nlohmann's type_error, nothing else does. No state; any thread.
 namespace tavrel::platform {
 
 /// A JSON number as a `Number`, whatever its size: what lies outside the type's range becomes the
@@ -59,6 +59,12 @@ inline const nlohmann::json* jsonMember(const nlohmann::json& object, const char
   return member == members.end() ? nullptr : &member->second;
 }
 
+/// The text under `key`; empty when there is none, or `value` is no object.
+inline std::string textMember(const nlohmann::json& value, const char* key) {
+  const nlohmann::json* text = value.is_object() ? jsonMember(value, key) : nullptr;
+  return text != nullptr && text->is_string() ? text->get<std::string>() : std::string();
+}
+
 /// The number under `key` of a JSON object, or `fallback` when the key is missing.
 template <class Number>
 Number jsonNumberOr(const nlohmann::json& object, const char* key, Number fallback) {
@@ -83,6 +89,14 @@ template <class Field>
 void readFieldUnlessNull(const nlohmann::json& object, const char* key, Field& field) {
   const nlohmann::json* value = jsonMember(object, key);
   if (value != nullptr && !value->is_null()) readField(object, key, field);
+}
+
+/// What `toJson` of each record gives, as an array.
+template <class Records>
+nlohmann::json jsonArray(const Records& records) {
+  nlohmann::json array = nlohmann::json::array();
+  for (const auto& record : records) array.push_back(record.toJson());
+  return array;
 }
 
 }  // namespace tavrel::platform

@@ -1,13 +1,16 @@
 #include "platform/text.h"
 
 #include <algorithm>
-#include <cstdint>
 
 namespace tavrel::platform {
 namespace {
 
 char lower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+}
+
+bool isControl(unsigned char c) {
+  return c < 0x20 || c == 0x7F;
 }
 
 /// Length in bytes of the valid UTF-8 character at the start of `text`; 0 when there is none.
@@ -82,11 +85,13 @@ std::string replaceInvalidUtf8(std::string_view text) {
   return clean;
 }
 
+bool hasControls(std::string_view text) {
+  return std::any_of(text.begin(), text.end(), isControl);
+}
+
 std::string singleLine(std::string_view text) {
   std::string line(text);
-  for (char& c : line) {
-    if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = ' ';
-  }
+  std::replace_if(line.begin(), line.end(), isControl, ' ');
   return line;
 }
 
@@ -128,22 +133,6 @@ std::string escapeHtml(std::string_view text) {
         break;
       default:
         escaped.push_back(c);
-    }
-  }
-  return escaped;
-}
-
-std::string escapeScriptString(std::string_view text) {
-  std::string escaped;
-  escaped.reserve(text.size());
-  for (const char c : text) {
-    const auto byte = static_cast<unsigned char>(c);
-    if (byte < 0x20 || byte == 0x7F || c == '\'' || c == '"' || c == '\\' || c == '<' || c == '>' ||
-        c == '&' || c == '`') {
-      escaped += "\\x";
-      appendHexByte(escaped, byte);
-    } else {
-      escaped.push_back(c);
     }
   }
   return escaped;

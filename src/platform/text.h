@@ -16,6 +16,10 @@ std::string firstCharacters(std::string_view text, std::size_t max_characters);
 /// `text` with every byte sequence that is not UTF-8 replaced by U+FFFD.
 std::string replaceInvalidUtf8(std::string_view text);
 
+/// Whether a control character is in `text`. Without one, nothing can end the line or the string
+/// that it is put into.
+bool hasControls(std::string_view text);
+
 /// `text` with every control character replaced by a space, so that what somebody sent cannot pass
 /// for a console line of its own.
 std::string singleLine(std::string_view text);
@@ -26,10 +30,6 @@ std::string percentEncode(std::string_view text);
 
 /// `text` for an HTML text node or a quoted attribute.
 std::string escapeHtml(std::string_view text);
-
-/// `text` for the inside of a quoted string in a script element: nothing in it can end the string
-/// or the element.
-std::string escapeScriptString(std::string_view text);
 
 /// How often `needle` occurs in `text`, occurrences not overlapping. 0 for an empty needle.
 std::size_t countOccurrences(std::string_view text, std::string_view needle);

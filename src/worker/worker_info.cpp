@@ -1,7 +1,9 @@
 #include "worker/worker_info.h"
 
-#include <iterator>
 #include <nlohmann/json.hpp>
+
+#include "platform/enum_text.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::worker {
 namespace {
@@ -79,28 +81,15 @@ constexpr BackendAlias kBackendAliases[] = {
 constexpr std::string_view kStatusTexts[] = {"starting", "online",  "busy",
                                              "degraded", "offline", "maintenance"};
 
-template <class Enum, std::size_t N>
-std::string textOf(Enum value, const std::string_view (&texts)[N]) {
-  const auto place = static_cast<std::size_t>(value);
-  return std::string(place < N ? texts[place] : "unknown");
-}
-
-template <class Record>
-json arrayOf(const std::vector<Record>& records) {
-  json array = json::array();
-  for (const Record& record : records) array.push_back(record.toJson());
-  return array;
-}
-
 }  // namespace
 
 std::string inferenceBackendToString(InferenceBackend backend) {
-  return textOf(backend, kBackendTexts);
+  return platform::enumText(backend, kBackendTexts);
 }
 
 InferenceBackend inferenceBackendFromString(std::string_view text) {
-  for (std::size_t place = 0; place < std::size(kBackendTexts); ++place) {
-    if (kBackendTexts[place] == text) return static_cast<InferenceBackend>(place);
+  if (const auto backend = platform::enumFromText<InferenceBackend>(text, kBackendTexts)) {
+    return *backend;
   }
   for (const BackendAlias& alias : kBackendAliases) {
     if (alias.text == text) return alias.backend;
@@ -109,7 +98,7 @@ InferenceBackend inferenceBackendFromString(std::string_view text) {
 }
 
 std::string workerStatusToString(WorkerStatus status) {
-  return textOf(status, kStatusTexts);
+  return platform::enumText(status, kStatusTexts);
 }
 
 json GPUInfo::toJson() const {
@@ -137,7 +126,7 @@ json SystemMetrics::toJson() const {
         {"model", cpu_model}}},
       {"memory", {{"total", memory_total}, {"used", memory_used}, {"available", memory_available}}},
       {"disk", {{"total", disk_total}, {"used", disk_used}, {"free", disk_free}}},
-      {"gpus", arrayOf(gpus)},
+      {"gpus", platform::jsonArray(gpus)},
       {"network", {{"rx_bytes", network_rx_bytes}, {"tx_bytes", network_tx_bytes}}},
       {"system", {{"uptime_seconds", uptime_seconds}, {"load_average", load_average}}},
       {"timestamp", platform::toEpochMilliseconds(timestamp)}};
@@ -188,7 +177,7 @@ json WorkerCapabilities::toJson() const {
           {"max_models", max_models},
           {"available_backends", available_backends},
           {"installed_models", installed_models},
-          {"backend_endpoints", arrayOf(backend_endpoints)}};
+          {"backend_endpoints", platform::jsonArray(backend_endpoints)}};
 }
 
 json WorkerInfo::toJson() const {
@@ -203,7 +192,7 @@ json WorkerInfo::toJson() const {
           {"status", workerStatusToString(status)},
           {"capabilities", capabilities.toJson()},
           {"metrics", metrics.toJson()},
-          {"running_models", arrayOf(running_models)},
+          {"running_models", platform::jsonArray(running_models)},
           {"labels", labels},
           {"registered_at", platform::toEpochSeconds(registered_at)},
           {"last_heartbeat", platform::toEpochSeconds(last_heartbeat)},

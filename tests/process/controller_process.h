@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "support/messages.h"
 #include "support/process.h"
 #include "support/raw_client.h"
 
@@ -16,9 +17,7 @@ inline const std::string kDevWorker = TAVREL_BUILD_DIR "/tavrel-dev-worker";
 
 /// The JSON body of an answer; discarded when it has none.
 inline nlohmann::json jsonOf(const std::string& answer) {
-  const std::size_t blank = answer.find("\r\n\r\n");
-  return nlohmann::json::parse(blank == std::string::npos ? "" : answer.substr(blank + 4), nullptr,
-                               false);
+  return nlohmann::json::parse(bodyOf(answer), nullptr, false);
 }
 
 /// A controller on a port of the loopback interface (0: whichever is free), asked over HTTP.

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "process/controller_process.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
 
 namespace tavrel::test {
@@ -92,8 +93,7 @@ TEST(ControllerProcess, ASecondSignalEndsItWhileTheFirstIsStillActedOn) {
                          R"(,"capabilities":{"installed_models":["m"]}})");
   const std::string body = R"({"model":"m","messages":[{"role":"user","content":"x"}]})";
   const RawClient client(controller.port());
-  client.send("POST /v1/chat/completions HTTP/1.1\r\nContent-Length: " +
-              std::to_string(body.size()) + "\r\n\r\n" + body);
+  client.send(postRequest("/v1/chat/completions", body));
   stalled.waitForRequests(1);
   auto& process = controller.process();
   process.signal(SIGTERM);
@@ -136,22 +136,8 @@ TEST(ControllerProcess, AFleetAnswersAndItsStreamsDoNotHoldUpTheStop) {
   Controller controller;
   const std::string url = "http://127.0.0.1:" + std::to_string(controller.port());
   const auto worker = [&](const std::string& id, const std::string& rate) {
-    return std::vector<std::string>{"--controller",
-                                    url,
-                                    "--id",
-                                    id,
-                                    "--name",
-                                    id,
-                                    "--model",
-                                    "m",
-                                    "--port",
-                                    "0",
-                                    "--heartbeat-ms",
-                                    "200",
-                                    "--tokens",
-                                    "100",
-                                    "--tokens-per-second",
-                                    rate};
+    return words("--controller " + url + " --id " + id + " --name " + id +
+                 " --model m --port 0 --heartbeat-ms 200 --tokens 100 --tokens-per-second " + rate);
   };
   Process one(kDevWorker, worker("w1", "0"));
   Process two(kDevWorker, worker("w2", "0"));
@@ -179,8 +165,7 @@ TEST(ControllerProcess, AFleetAnswersAndItsStreamsDoNotHoldUpTheStop) {
   const RawClient stream(controller.port());
   const std::string streamed =
       R"({"model":"m","stream":true,"messages":[{"role":"user","content":"x"}]})";
-  stream.send("POST /v1/chat/completions HTTP/1.1\r\nContent-Length: " +
-              std::to_string(streamed.size()) + "\r\n\r\n" + streamed);
+  stream.send(postRequest("/v1/chat/completions", streamed));
   stream.readUntil("data: ");
   const RawClient events(controller.port());
   events.send("GET /api/v1/events/stream HTTP/1.1\r\n\r\n");

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -11,6 +10,7 @@
 #include <vector>
 
 #include "process/dev_worker_process.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
 #include "support/process.h"
 #include "support/raw_client.h"
@@ -28,15 +28,7 @@ const std::string kStreamBody =
     R"({"stream":true,"messages":[{"role":"user","content":"one two three"}]})";
 
 std::string post(const std::string& body, const std::string& path = "/v1/chat/completions") {
-  return "POST " + path +
-         " HTTP/1.1\r\nHost: w\r\nContent-Type: application/json\r\n"
-         "Connection: close\r\nContent-Length: " +
-         std::to_string(body.size()) + "\r\n\r\n" + body;
-}
-
-std::string bodyOf(const std::string& message) {
-  const std::size_t blank = message.find("\r\n\r\n");
-  return blank == std::string::npos ? "" : message.substr(blank + 4);
+  return postRequest(path, body, "Connection: close\r\n");
 }
 
 class Worker : public DevWorker {

@@ -10,6 +10,7 @@
 
 #include "process/controller_process.h"
 #include "process/dev_worker_process.h"
+#include "support/messages.h"
 
 namespace tavrel::test {
 namespace {
@@ -33,10 +34,9 @@ class LoadProcess : public testing::Test {
   }
 
   std::unique_ptr<DevWorker> worker(const std::string& model, const std::string& rate) const {
-    auto made = std::make_unique<DevWorker>(std::vector<std::string>{
-        "--controller", "http://127.0.0.1:" + std::to_string(controller_.port()), "--id", model,
-        "--model", model, "--heartbeat-ms", "200", "--tokens", "100000", "--tokens-per-second",
-        rate});
+    auto made = std::make_unique<DevWorker>(words(
+        "--controller http://127.0.0.1:" + std::to_string(controller_.port()) + " --id " + model +
+        " --model " + model + " --heartbeat-ms 200 --tokens 100000 --tokens-per-second " + rate));
     controller_.getUntil("/v1/models", '"' + model + '"');
     return made;
   }
@@ -51,8 +51,7 @@ class LoadProcess : public testing::Test {
   static std::string chat(const std::string& model) {
     const std::string body =
         R"({"stream":true,"messages":[{"role":"user","content":"x"}],"model":")" + model + "\"}";
-    return "POST /v1/chat/completions HTTP/1.1\r\nHost: c\r\nContent-Length: " +
-           std::to_string(body.size()) + "\r\n\r\n" + body;
+    return postRequest("/v1/chat/completions", body);
   }
 
   /// Many plain requests are answered in the time that a user would give one of them.

@@ -1,4 +1,3 @@
-#include <algorithm>
 #include <vector>
 
 #include "platform/text.h"
@@ -18,77 +17,46 @@ struct Sample {
 };
 
 std::vector<Sample> samples() {
-  const json conversation = {
-      {"id", "conv_new"}, {"title", "t"}, {"model", "m"}, {"messages", json::array()}};
+  const auto sample = [](const char* method, const char* pattern, const char* path,
+                         const char* body) {
+    return Sample{method, pattern, path, json::parse(body)};
+  };
+  const char* const users = "/api/v1/users";
+  const char* const orgs = "/api/v1/orgs";
+  const char* const settings = "/api/v1/user/settings";
+  const char* const conversations = "/api/v1/user/conversations";
+  const char* const import = "/api/v1/user/conversations/import";
+  const char* const credentials = "/api/v1/credentials";
   return {
-      {"POST",
-       "/api/v1/users",
-       "/api/v1/users",
-       {{"email", "new@example.org"},
-        {"password", "long enough"},
-        {"name", "n"},
-        {"role", "viewer"},
-        {"registration_type", "user"},
-        {"org_id", "org_acme"},
-        {"org_name", "n"}}},
-      {"PUT",
-       "/api/v1/users/:id",
-       "/api/v1/users/usr_ann",
-       {{"role", "user"},
-        {"name", "n"},
-        {"active", true},
-        {"email_verified", true},
-        {"password", "long enough"}}},
-      {"POST",
-       "/api/v1/orgs",
-       "/api/v1/orgs",
-       {{"name", "n"},
-        {"slug", "s"},
-        {"description", "d"},
-        {"max_users", 3},
-        {"plan", "p"},
-        {"settings", json::object()}}},
-      {"PUT",
-       "/api/v1/orgs/:id",
-       "/api/v1/orgs/org_acme",
-       {{"name", "n"},
-        {"description", "d"},
-        {"max_users", 3},
-        {"plan", "p"},
-        {"email_domain", "example.org"}}},
-      {"POST",
-       "/api/v1/orgs/:id/invite",
-       "/api/v1/orgs/org_acme/invite",
-       {{"email", "ann@example.org"}, {"role", "user"}}},
-      {"PUT",
-       "/api/v1/orgs/:id/users/:uid/role",
-       "/api/v1/orgs/org_acme/users/usr_bob/role",
-       {{"role", "user"}}},
-      {"PUT",
-       "/api/v1/user/settings",
-       "/api/v1/user/settings",
-       {{"category", "c"}, {"settings", {{"k", "v"}}}}},
-      {"POST", "/api/v1/user/conversations", "/api/v1/user/conversations", conversation},
-      {"PUT",
-       "/api/v1/user/conversations/:id",
-       "/api/v1/user/conversations/conv_own",
-       {{"title", "t"},
-        {"model", "m"},
-        {"messages", json::array()},
-        {"pinned", true},
-        {"archived", true}}},
-      {"POST",
-       "/api/v1/user/conversations/import",
-       "/api/v1/user/conversations/import",
-       {{"conversations", {conversation}}}},
-      {"POST",
-       "/api/v1/credentials",
-       "/api/v1/credentials",
-       {{"name", "n"}, {"service", "s"}, {"owner_type", "user"}, {"shared", true}}},
-      {"PUT",
-       "/api/v1/quotas/:uid",
-       "/api/v1/quotas/usr_ann",
-       {{"metric", "m"}, {"limit_value", 3}, {"reset_interval", "daily"}}},
+      sample("POST", users, users,
+             R"({"email": "new@example.org", "password": "long enough", "name": "n",
+                 "role": "viewer", "registration_type": "user", "org_id": "org_acme",
+                 "org_name": "n"})"),
+      sample("PUT", "/api/v1/users/:id", "/api/v1/users/usr_ann",
+             R"({"role": "user", "name": "n", "active": true, "email_verified": true,
+                 "password": "long enough"})"),
+      sample("POST", orgs, orgs,
+             R"({"name": "n", "slug": "s", "description": "d", "max_users": 3, "plan": "p",
+                 "settings": {}})"),
+      sample("PUT", "/api/v1/orgs/:id", "/api/v1/orgs/org_acme",
+             R"({"name": "n", "description": "d", "max_users": 3, "plan": "p",
+                 "email_domain": "example.org"})"),
+      sample("POST", "/api/v1/orgs/:id/invite", "/api/v1/orgs/org_acme/invite",
+             R"({"email": "ann@example.org", "role": "user"})"),
+      sample("PUT", "/api/v1/orgs/:id/users/:uid/role", "/api/v1/orgs/org_acme/users/usr_bob/role",
+             R"({"role": "user"})"),
+      sample("PUT", settings, settings, R"({"category": "c", "settings": {"k": "v"}})"),
+      sample("POST", conversations, conversations,
+             R"({"id": "conv_new", "title": "t", "model": "m", "messages": []})"),
+      sample("PUT", "/api/v1/user/conversations/:id", "/api/v1/user/conversations/conv_own",
+             R"({"title": "t", "model": "m", "messages": [], "pinned": true, "archived": true})"),
+      sample(
+          "POST", import, import,
+          R"({"conversations": [{"id": "conv_new", "title": "t", "model": "m", "messages": []}]})"),
+      sample("POST", credentials, credentials,
+             R"({"name": "n", "service": "s", "owner_type": "user", "shared": true})"),
+      sample("PUT", "/api/v1/quotas/:uid", "/api/v1/quotas/usr_ann",
+             R"({"metric": "m", "limit_value": 3, "reset_interval": "daily"})"),
   };
 }
 
@@ -249,7 +217,7 @@ TEST_F(AccountAttacksTest, NobodyReachesPersonalDataWithoutASession) {
          {httplib::Headers(), httplib::Headers{{"X-API-Key", "root-key-0123456789"}},
           httplib::Headers{{"X-Session-Token", "usr_root"}},
           httplib::Headers{{"Cookie", "tavrel_session=; ts_root"}}}) {
-      EXPECT_EQ(refusal(sendWith(headers, route.method, route.pattern, "{}")),
+      EXPECT_EQ(refusal(server_.send(headers, route.method, route.pattern, "{}")),
                 "401 Not authenticated")
           << route.pattern;
     }

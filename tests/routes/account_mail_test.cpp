@@ -28,7 +28,7 @@ class AccountMailTest : public testing::Test {
     EXPECT_EQ(configure({{"smtp_server", "127.0.0.1"},
                          {"smtp_port", std::stoi(mail_.port())},
                          {"smtp_user", "us@lab.org"},
-                         {"smtp_password", "secret"},
+                         {"smtp_password", "a b:c"},
                          {"smtp_tls", "none"},
                          {"base_url", "https://hub.lab.org/?a=1&b=\"/"}})
                   .body,
@@ -37,7 +37,7 @@ class AccountMailTest : public testing::Test {
 
   AccountServer server_;
   httplib::Headers admin_;
-  test::MailServer mail_{{"--user", "us@lab.org", "--password", "secret"}};
+  test::MailServer mail_{{"--user", "us@lab.org", "--password", "a b:c"}};
 };
 
 TEST_F(AccountMailTest, OnlyAClusterAdministratorSeesTheSettingsAndNobodyThePassword) {
@@ -51,13 +51,9 @@ TEST_F(AccountMailTest, OnlyAClusterAdministratorSeesTheSettingsAndNobodyThePass
       EXPECT_EQ(reply.refusal(), "403 Cluster admin role required");
     }
   }
-  EXPECT_EQ(server_.get(kSmtp, admin_).json, json({{"smtp_server", ""},
-                                                   {"smtp_port", "587"},
-                                                   {"smtp_user", ""},
-                                                   {"smtp_password", ""},
-                                                   {"smtp_from", ""},
-                                                   {"smtp_tls", "starttls"},
-                                                   {"base_url", ""}}));
+  EXPECT_EQ(server_.get(kSmtp, admin_).json, json::parse(R"({"smtp_server": "",
+      "smtp_port": "587", "smtp_user": "", "smtp_password": "", "smtp_from": "",
+      "smtp_tls": "starttls", "base_url": ""})"));
   configureMail();
   EXPECT_EQ(configure({{"smtp_from", "Hub <hub@lab.org>"}, {"unknown", 1}}).status, 200);
   const AccountReply shown = server_.get(kSmtp, admin_);
@@ -78,7 +74,7 @@ TEST_F(AccountMailTest, TheTestMailTellsWhetherTheSettingsWork) {
   configureMail();
   EXPECT_EQ(tested().json, json({{"success", true}, {"message", "Test email sent to us@lab.org"}}));
   const json mail = json::parse(mail_.mailWith("Test"));
-  EXPECT_EQ(mail["login"], "LOGIN us@lab.org secret");
+  EXPECT_EQ(mail["login"], "LOGIN us@lab.org a b:c");
   EXPECT_EQ(mail["text"],
             "From: us@lab.org\r\nTo: us@lab.org\r\nSubject: Tavrel SMTP Test\r\n"
             "MIME-Version: 1.0\r\nContent-Type: text/html; charset=UTF-8\r\n\r\n"

@@ -3,46 +3,21 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <string>
 
-#include "api/auth_middleware.h"
-#include "api/route_book.h"
-#include "controller/routes/account_access.h"
-#include "controller/routes/families.h"
 #include "identity/crypto.h"
-#include "identity/user_store.h"
-#include "support/json_client.h"
-#include "support/process.h"
+#include "routes/account_server.h"
 
 namespace tavrel::controller {
 
-/// The account routes over HTTP, with a store of their own. Callers are named by the user whose
+/// The routes that manage accounts, with a store of their own. Callers are named by the user whose
 /// session they send; "" has none.
 class AccountRoutesTest : public testing::Test {
  protected:
-  explicit AccountRoutesTest(const std::string& mode = "full") {
-    testing::internal::CaptureStdout();
-    const bool opened = store_->initialize();
-    testing::internal::GetCapturedStdout();
-    if (!opened) throw std::runtime_error("the store does not open");
-    api::AuthConfig config;
-    config.admin_key = "root-key-0123456789";
-    config.public_paths = {"/api/v1/*"};
-    auth_.initialize(config);
-    const AccountAccess access{mode == "full" ? store_.get() : nullptr, mode};
-    addUserRoutes(book_, access, auth_);
-    addOrganizationRoutes(book_, access);
-    addUserDataRoutes(book_, access);
-    addCredentialRoutes(book_, access);
-    server_ = std::make_unique<test::TestServer>([this](api::HttpServer& server) {
-      server.use(auth_.getMiddleware());
-      server.addRoutes(book_);
-    });
-    client_ = std::make_unique<httplib::Client>(server_->client());
-  }
+  explicit AccountRoutesTest(const std::string& mode = "full")
+      : server_(mode, mode == "full", AccountServer::Families::kManagement) {}
 
   /// A stored user "usr_NAME", signed in.
   identity::User addUser(const std::string& name, const std::string& role = "user",
@@ -78,53 +53,28 @@ class AccountRoutesTest : public testing::Test {
   }
 
   test::JsonReply send(const std::string& caller, const std::string& method,
-                       const std::string& path, const std::string& body) {
-    httplib::Headers headers;
-    if (!caller.empty()) headers.emplace("X-Session-Token", "ts_" + caller);
-    return sendWith(std::move(headers), method, path, body);
+                       const std::string& path, const std::string& body = "") {
+    return server_.send(
+        caller.empty() ? httplib::Headers() : AccountServer::signedIn("ts_" + caller), method, path,
+        body);
   }
   test::JsonReply send(const std::string& caller, const std::string& method,
                        const std::string& path, const nlohmann::json& body) {
     return send(caller, method, path, body.dump());
   }
   test::JsonReply send(const std::string& caller, const std::string& method,
-                       const std::string& path) {
-    return send(caller, method, path, std::string());
-  }
-  test::JsonReply send(const std::string& caller, const std::string& method,
                        const std::string& path, const char* body) {
     return send(caller, method, path, std::string(body));
   }
-
-  test::JsonReply sendWith(httplib::Headers headers, const std::string& method,
-                           const std::string& path, const std::string& body = "") {
-    httplib::Request request;
-    request.method = method;
-    request.path = path;
-    request.headers = std::move(headers);
-    request.body = body;
-    if (!body.empty()) request.headers.emplace("Content-Type", "application/json");
-    const httplib::Result result = client_->send(request);
-    if (!result) throw std::runtime_error("no answer: " + httplib::to_string(result.error()));
-    return {result->status, result->body, nlohmann::json::parse(result->body, nullptr, false)};
-  }
-
-  /// "status error" of a refusal.
-  static std::string refusal(const test::JsonReply& reply) {
-    return std::to_string(reply.status) + ' ' + reply.error();
-  }
+  static std::string refusal(const test::JsonReply& reply) { return reply.refusal(); }
 
   bool isSignedIn(const std::string& name) {
     return store_->validateSession("ts_" + name).has_value();
   }
 
-  test::TempDirectory directory_;
-  const std::unique_ptr<identity::UserStore> store_ =
-      identity::createUserStore("sqlite", directory_.file("users.db"));
-  api::AuthMiddleware auth_;
-  api::RouteBook book_;
-  std::unique_ptr<test::TestServer> server_;
-  std::unique_ptr<httplib::Client> client_;
+  AccountServer server_;
+  const std::unique_ptr<identity::UserStore>& store_ = server_.store;
+  const api::RouteBook& book_ = server_.book;
 };
 
 }  // namespace tavrel::controller

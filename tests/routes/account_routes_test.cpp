@@ -41,10 +41,9 @@ TEST_F(OwnAccountRoutesTest, TheFirstAccountEndsTheSetup) {
   EXPECT_FALSE(stranger.json.contains("api_key"));
   EXPECT_TRUE(stranger.json.contains("verify_token"));
   const AccountReply founder =
-      server_.post(kAuth + "register", {{"email", "olga@acme.org"},
-                                        {"password", "password1"},
-                                        {"registration_type", "user_organization"},
-                                        {"org_name", "Acme"}});
+      server_.post(kAuth + "register", json::parse(R"({"email": "olga@acme.org",
+          "password": "password1", "registration_type": "user_organization",
+          "org_name": "Acme"})"));
   EXPECT_EQ(founder.json["message"], "Organization and administrator account created.");
   EXPECT_EQ(founder.json["registration_type"], "user_organization");
   EXPECT_EQ(founder.json["org_name"], "Acme");
@@ -166,6 +165,7 @@ TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
   server_.registerUser("ada@lab.org");
   const std::string one = server_.login("ada@lab.org").json["token"];
   const std::string two = server_.login("ada@lab.org").json["token"];
+  const std::string bob = server_.registerUser("bob@lab.org").json["token"];
   EXPECT_EQ(server_
                 .post(kAuth + "change-password",
                       {{"old_password", "password1"}, {"new_password", "password2"}},
@@ -174,6 +174,8 @@ TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
             R"({"status":"password_changed"})");
   EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(one)).status, 401);
   EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(two)).status, 401);
+  EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(bob)).status, 200);
+  EXPECT_EQ(server_.login("ada@lab.org").status, 401);
   EXPECT_EQ(server_.login("ada@lab.org", "password2").status, 200);
 }
 
@@ -199,6 +201,7 @@ TEST_F(OwnAccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped)
   const std::string token = server_.registerUser("bob@lab.org").json["verify_token"];
   EXPECT_EQ(server_.post(kAuth + "verify-email", {{"token", token}}).body,
             R"({"email":"bob@lab.org","status":"verified"})");
+  EXPECT_TRUE(server_.store->findByEmail("bob@lab.org")->email_verified);
 }
 
 TEST_F(OwnAccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
@@ -208,12 +211,15 @@ TEST_F(OwnAccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
     const AccountReply reply = server_.post(kAuth + "forgot-password", {{"email", email}});
     return std::pair(testing::internal::GetCapturedStdout(), reply.body);
   };
+  const std::string first = forgotten("ada@lab.org").first;
   const auto [line, answer] = forgotten("ada@lab.org");
   EXPECT_EQ(answer, R"({"status":"If the email exists, a reset link has been sent."})");
   EXPECT_EQ(forgotten("nobody@lab.org"), std::pair(std::string(), answer));
   const std::string intro = "[Auth] Password reset token for ada@lab.org: ";
   ASSERT_EQ(line.size(), intro.size() + 65);
   const std::string token = line.substr(intro.size(), 64);
+  EXPECT_THAT(server_.get(kAuth + "reset-password?token=" + first.substr(intro.size(), 64)).body,
+              HasSubstr("This reset link has expired or was already used."));
 
   const AccountReply form = server_.get(kAuth + "reset-password?token=" + token);
   EXPECT_THAT(form.body, HasSubstr("<title>Reset Password - Tavrel</title>"));

@@ -7,70 +7,73 @@
 #include <string>
 
 #include "api/auth_middleware.h"
+#include "api/route_book.h"
 #include "controller/routes/account_access.h"
 #include "controller/routes/families.h"
 #include "identity/account_upkeep.h"
 #include "net/smtp_client.h"
+#include "support/json_client.h"
 #include "support/process.h"
-#include "support/test_server.h"
 
 namespace tavrel::controller {
 
-/// What a route answered, with the text of its error.
-struct AccountReply {
-  int status = 0;
-  nlohmann::json json;
-  std::string body;
-  httplib::Headers headers;
+using AccountReply = test::JsonReply;
 
-  std::string refusal() const { return std::to_string(status) + ' ' + json.value("error", ""); }
-  std::string header(const std::string& name) const {
-    const auto found = headers.find(name);
-    return found == headers.end() ? "" : found->second;
-  }
-};
-
-/// The account routes behind the gate, on a fresh store that waits for its first user.
+/// Account routes behind the gate, on a fresh store that waits for its first user.
 class AccountServer {
  public:
   static constexpr const char* kAdminKey = "root-key-0123456789";
 
+  /// Which families there are: those of one's own account behind the gate as it is, or those that
+  /// manage the accounts behind a gate that is open, so that only their own guards refuse.
+  enum class Families { kOwnAccount, kManagement };
+
   /// Without a store when `with_store` is false.
-  explicit AccountServer(const std::string& auth_mode = "full", bool with_store = true) {
+  explicit AccountServer(const std::string& auth_mode = "full", bool with_store = true,
+                         Families families = Families::kOwnAccount) {
     if (with_store) {
       testing::internal::CaptureStdout();
-      store->initialize();
+      EXPECT_TRUE(store->initialize());
       testing::internal::GetCapturedStdout();
       identity::prepareAccounts(*store);
     }
     const AccountAccess access{with_store ? store.get() : nullptr, auth_mode};
-    server_ = std::make_unique<test::TestServer>([&](api::HttpServer& server) {
-      api::AuthConfig config;
-      config.admin_key = kAdminKey;
+    addUserRoutes(book, access, auth_);
+    addCredentialRoutes(book, access);
+    api::AuthConfig config;
+    config.admin_key = kAdminKey;
+    if (families == Families::kManagement) {
+      config.public_paths = {"/api/v1/*"};
+      addOrganizationRoutes(book, access);
+      addUserDataRoutes(book, access);
+    } else {
       config.public_paths = api::publicPaths();
-      auth_.initialize(config);
       if (with_store) auth_.acceptSessions(sessionLookup(access));
-      server.use(auth_.getMiddleware());
-      api::RouteBook book;
       addAuthRoutes(book, auth_, access);
       addAccountRoutes(book, access, smtp);
       addSmtpRoutes(book, access, smtp);
-      addUserRoutes(book, access, auth_);
-      addCredentialRoutes(book, access);
+    }
+    auth_.initialize(config);
+    server_ = std::make_unique<test::TestServer>([&](api::HttpServer& server) {
+      server.use(auth_.getMiddleware());
       server.addRoutes(book);
     });
   }
 
+  AccountReply send(httplib::Headers headers, const std::string& method, const std::string& path,
+                    const std::string& body = "") const {
+    return test::JsonClient(*server_).send(method, path, body, std::move(headers));
+  }
   AccountReply get(const std::string& path, const httplib::Headers& headers = {}) const {
-    return replyOf(server_->client().Get(path, headers));
+    return send(headers, "GET", path);
   }
   AccountReply post(const std::string& path, const nlohmann::json& body,
                     const httplib::Headers& headers = {}) const {
-    return postText(path, body.dump(), headers);
+    return send(headers, "POST", path, body.dump());
   }
   AccountReply postText(const std::string& path, const std::string& body,
                         const httplib::Headers& headers = {}) const {
-    return replyOf(server_->client().Post(path, headers, body, "application/json"));
+    return send(headers, "POST", path, body);
   }
 
   AccountReply registerUser(const std::string& email) const {
@@ -88,14 +91,9 @@ class AccountServer {
   const std::unique_ptr<identity::UserStore> store =
       identity::createUserStore("sqlite", directory.file("users.db"));
   net::SmtpClient smtp;
+  api::RouteBook book;
 
  private:
-  static AccountReply replyOf(const httplib::Result& result) {
-    if (!result) throw std::runtime_error("no answer: " + httplib::to_string(result.error()));
-    return {result->status, nlohmann::json::parse(result->body, nullptr, false), result->body,
-            result->headers};
-  }
-
   api::AuthMiddleware auth_;
   std::unique_ptr<test::TestServer> server_;
 };

@@ -7,12 +7,13 @@
 #include "api/auth_middleware.h"
 #include "controller/routes/account_access.h"
 #include "controller/routes/families.h"
-#include "support/test_server.h"
+#include "support/json_client.h"
 
 namespace tavrel::controller {
 namespace {
 
 using nlohmann::json;
+using test::JsonReply;
 
 constexpr char kAdminKey[] = "root-key-0123456789";
 
@@ -39,33 +40,31 @@ class AuthRoutesTest : public testing::Test {
           server.addRoutes(book);
         }) {}
 
-  httplib::Result get(const std::string& path, const std::string& key = kAdminKey) {
-    return server_.client().Get(path, {{"X-API-Key", key}});
+  JsonReply get(const std::string& path, const std::string& key = kAdminKey) {
+    return client_.send("GET", path, "", {{"X-API-Key", key}});
   }
-  httplib::Result post(const std::string& path, const std::string& body,
-                       const std::string& key = kAdminKey) {
-    return server_.client().Post(path, {{"X-API-Key", key}}, body, "application/json");
+  JsonReply post(const std::string& path, const std::string& body,
+                 const std::string& key = kAdminKey) {
+    return client_.send("POST", path, body, {{"X-API-Key", key}});
   }
-  /// "status error" of a refusal.
-  static std::string refusal(const httplib::Result& result) {
-    return std::to_string(result->status) + ' ' + json::parse(result->body).value("error", "");
-  }
+  static std::string refusal(const JsonReply& reply) { return reply.refusal(); }
 
   api::AuthMiddleware auth_;
   test::TestServer server_;
+  test::JsonClient client_{server_};
 };
 
 TEST_F(AuthRoutesTest, AKeyIsMadeUsedListedAndRevoked) {
   const auto made =
       post("/api/v1/auth/keys",
            R"({"name": "ci", "type": "service", "roles": ["admin"], "permissions": 7})");
-  ASSERT_EQ(made->status, 201);
-  const json answer = json::parse(made->body);
+  ASSERT_EQ(made.status, 201);
+  const json answer = made.json;
   const std::string key = answer.at("key");
   EXPECT_EQ(answer.at("message"), "Store this key securely - it cannot be retrieved later");
   EXPECT_EQ(answer.size(), 4U);
 
-  const json listed = json::parse(get("/api/v1/auth/keys", key)->body);
+  const json listed = get("/api/v1/auth/keys", key).json;
   ASSERT_EQ(listed.at("keys").size(), 2U);
   EXPECT_EQ(listed["keys"][0].at("key_prefix"), "root-key-012...");
   EXPECT_EQ(listed["keys"][1], json({{"name", "ci"},
@@ -78,10 +77,10 @@ TEST_F(AuthRoutesTest, AKeyIsMadeUsedListedAndRevoked) {
   EXPECT_EQ(listed.at("stats").at("authenticated_requests"), 2);
   EXPECT_EQ(listed.dump().find(key), std::string::npos);
 
-  EXPECT_EQ(post("/api/v1/auth/keys/revoke", json({{"key", key}}).dump())->body,
+  EXPECT_EQ(post("/api/v1/auth/keys/revoke", json({{"key", key}}).dump()).body,
             R"({"status":"revoked"})");
   EXPECT_EQ(refusal(get("/api/v1/auth/keys", key)), "401 Invalid API key");
-  EXPECT_EQ(json::parse(get("/api/v1/auth/stats")->body).at("api_keys_count"), 2);
+  EXPECT_EQ(get("/api/v1/auth/stats").json.at("api_keys_count"), 2);
 }
 
 TEST_F(AuthRoutesTest, AShortKeyIsNeverShownWhole) {
@@ -91,7 +90,7 @@ TEST_F(AuthRoutesTest, AShortKeyIsNeverShownWhole) {
     auth_.addApiKey(entry);
   }
   std::vector<std::string> shown;
-  const json listed = json::parse(get("/api/v1/auth/keys")->body);
+  const json listed = get("/api/v1/auth/keys").json;
   for (const json& key : listed.at("keys")) {
     shown.push_back(key.at("key_prefix"));
   }
@@ -129,33 +128,28 @@ TEST_F(AuthRoutesTest, RefusalsNameWhatIsMissing) {
 }
 
 TEST_F(AuthRoutesTest, AWorkerTokenIsABearerCredential) {
-  const json answer =
-      json::parse(post("/api/v1/auth/tokens/worker", R"({"worker_id": "w1"})")->body);
+  const json answer = post("/api/v1/auth/tokens/worker", R"({"worker_id": "w1"})").json;
   EXPECT_EQ(answer.at("expires_in_seconds"), 86400);
   EXPECT_EQ(answer.at("type"), "worker");
   EXPECT_EQ(answer.at("worker_id"), "w1");
   const std::string token = answer.at("token");
   EXPECT_THAT(auth_.validateToken(token)->identity.permissions,
               testing::ElementsAre("inference", "heartbeat", "status"));
-  const auto stats =
-      server_.client().Get("/api/v1/auth/stats", {{"Authorization", "Bearer " + token}});
-  EXPECT_EQ(stats->status, 200);
-  EXPECT_EQ(json::parse(stats->body).at("active_tokens_count"), 1);
+  const JsonReply stats =
+      client_.send("GET", "/api/v1/auth/stats", "", {{"Authorization", "Bearer " + token}});
+  EXPECT_EQ(stats.status, 200);
+  EXPECT_EQ(stats.json.at("active_tokens_count"), 1);
 }
 
 TEST_F(AuthRoutesTest, InfoTellsWhoIsCalling) {
-  EXPECT_EQ(get("/api/v1/auth/mode", "")->body, R"({"auth_mode":"admin"})");
-  EXPECT_EQ(get("/api/v1/auth/setup-status", "")->body, R"({"first_time_setup":false})");
-  EXPECT_EQ(get("/api/v1/auth/info", "wrong")->body,
+  EXPECT_EQ(get("/api/v1/auth/mode", "").body, R"({"auth_mode":"admin"})");
+  EXPECT_EQ(get("/api/v1/auth/setup-status", "").body, R"({"first_time_setup":false})");
+  EXPECT_EQ(get("/api/v1/auth/info", "wrong").body,
             R"({"auth_mode":"admin","authenticated":false})");
-  EXPECT_EQ(json::parse(get("/api/v1/auth/info")->body),
-            json({{"auth_mode", "admin"},
-                  {"authenticated", true},
-                  {"user",
-                   {{"id", "Admin Key"},
-                    {"type", "admin"},
-                    {"roles", {"admin", "operator", "viewer"}},
-                    {"permissions", {"*"}}}}}));
+  EXPECT_EQ(get("/api/v1/auth/info").json,
+            json::parse(R"({"auth_mode": "admin", "authenticated": true, "user": {"id":
+                "Admin Key", "type": "admin", "roles": ["admin", "operator", "viewer"],
+                "permissions": ["*"]}})"));
 }
 
 class GuestRoutesTest : public AuthRoutesTest {
@@ -174,7 +168,7 @@ TEST_F(GuestRoutesTest, GuestsAreToldWhenToComeBack) {
   EXPECT_EQ(refusal(get("/api/v1/auth/keys")), "403 Admin access required");
   const auto refused = get("/api/v1/auth/stats");
   EXPECT_EQ(refusal(refused), "429 Rate limit exceeded");
-  EXPECT_GT(std::stoi(refused->get_header_value("Retry-After")), 50);
+  EXPECT_GT(std::stoi(refused.header("Retry-After")), 50);
 }
 
 class ProtectedStreamTest : public AuthRoutesTest {
@@ -190,11 +184,11 @@ class ProtectedStreamTest : public AuthRoutesTest {
 TEST_F(ProtectedStreamTest, AStreamNeedsTheKeyBeforeItBegins) {
   const auto refused = post("/api/v1/chat/completions/stream", "{}", "wrong");
   EXPECT_EQ(refusal(refused), "401 Invalid API key");
-  EXPECT_EQ(refused->get_header_value("Content-Type"), "application/json");
-  EXPECT_EQ(refused->get_header_value("Access-Control-Allow-Origin"), "*");
+  EXPECT_EQ(refused.header("Content-Type"), "application/json");
+  EXPECT_EQ(refused.header("Access-Control-Allow-Origin"), "*");
   const auto streamed = post("/api/v1/chat/completions/stream", "{}");
-  EXPECT_EQ(streamed->status, 200);
-  EXPECT_EQ(streamed->body, "data: hello\n\n");
+  EXPECT_EQ(streamed.status, 200);
+  EXPECT_EQ(streamed.body, "data: hello\n\n");
 }
 
 }  // namespace

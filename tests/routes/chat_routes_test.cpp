@@ -134,9 +134,10 @@ TEST(ChatRoutes, BadRequestsAreRefused) {
     EXPECT_EQ(errorOf(result), text) << body;
   };
   expect("{", 400, "Invalid JSON body");
-  expect("{}", 400, "messages array is required");
-  expect("[]", 400, "messages array is required");
-  expect(R"({"messages":[]})", 400, "messages array is required");
+  for (const char* body : {"{}", "[]", "7", R"({"messages":[]})", R"({"messages":{"a":1}})",
+                           R"({"messages":"x"})", R"({"messages":null})"}) {
+    expect(body, 400, "messages array is required");
+  }
   expect(R"({"model":"x","messages":[1]})", 404, "Model 'x' not found on any worker or locally");
   expect(R"({"ensemble_mode":true})", 503, "No healthy router available for ensemble mode");
 
@@ -151,9 +152,7 @@ TEST(ChatRoutes, WhenTheClientLeavesTheWorkerIsLetGo) {
     ChatCluster cluster("", std::chrono::seconds(60));
     cluster.addWorker("w", worker.port());
     RawClient client(cluster.server.port());
-    client.send("POST " + std::string(path) +
-                " HTTP/1.1\r\nHost: x\r\nContent-Type: application/json\r\nContent-Length: " +
-                std::to_string(std::string(kHello).size()) + "\r\n\r\n" + kHello);
+    client.send(postRequest(path, kHello));
     ASSERT_TRUE(worker.waitForRequests(1)) << path;
     client.close();
     EXPECT_TRUE(worker.waitForHangUp(0)) << path;
@@ -189,7 +188,7 @@ TEST(ChatStream, TheWorkersEventsReachTheClientAtOnceAndUnchanged) {
   ASSERT_TRUE(result);
   EXPECT_EQ(result->status, 200);
   EXPECT_EQ(received, first + "data: [DONE]\n\n");
-  EXPECT_EQ(bodyOf(worker.requests().at(0))["stream"], true);
+  EXPECT_EQ(jsonOf(worker.requests().at(0))["stream"], true);
 }
 
 TEST(ChatStream, ErrorsAreEvents) {
@@ -255,7 +254,7 @@ TEST(ChatExperts, AMatchedExpertChangesTheModel) {
   EXPECT_EQ(routingFor("a story"),
             R"j(m {"reason":"MoE expert: same (score=1)","strategy":"moe_routing"})j");
   EXPECT_EQ(routingFor("a poem"), R"(m {"reason":"","strategy":"round_robin"})");
-  EXPECT_EQ(bodyOf(worker.requests().at(0))["model"], "coder");
+  EXPECT_EQ(jsonOf(worker.requests().at(0))["model"], "coder");
 }
 
 TEST(ChatExperts, AScientificQuestionIsEnriched) {
@@ -270,9 +269,9 @@ TEST(ChatExperts, AScientificQuestionIsEnriched) {
   cluster.science_url = science.url("/");
   ASSERT_EQ(cluster.ask(kHello)->status, 200);
   EXPECT_THAT(science.requests().at(0), StartsWith("POST /api/v1/research/federated-search "));
-  EXPECT_EQ(bodyOf(science.requests().at(0)),
+  EXPECT_EQ(jsonOf(science.requests().at(0)),
             json::parse(R"({"query":"hi","max_results":5,"synthesize":true})"));
-  const json messages = bodyOf(worker.requests().at(0))["messages"];
+  const json messages = jsonOf(worker.requests().at(0))["messages"];
   ASSERT_EQ(messages.size(), 2U);
   EXPECT_EQ(messages[0]["role"], "system");
   EXPECT_EQ(
@@ -284,7 +283,7 @@ TEST(ChatExperts, AScientificQuestionIsEnriched) {
   // A science worker that fails changes nothing.
   cluster.science_url = "http://127.0.0.1:" + std::to_string(cluster.nobody.port());
   ASSERT_EQ(cluster.ask(kHello)->status, 200);
-  EXPECT_EQ(bodyOf(worker.requests().at(1))["messages"].size(), 1U);
+  EXPECT_EQ(jsonOf(worker.requests().at(1))["messages"].size(), 1U);
 }
 
 TEST(ChatDecisions, TheDecisionModelChoosesWhenItIsInCharge) {
@@ -308,7 +307,7 @@ TEST(ChatDecisions, TheDecisionModelChoosesWhenItIsInCharge) {
             R"(a {"reason":"","strategy":"round_robin"})");
   EXPECT_EQ(routing(cluster::AIControlMode::kAutonomous),
             R"(b {"reason":"idle","strategy":"ai_routing"})");
-  const json asked = bodyOf(model.requests().at(0));
+  const json asked = jsonOf(model.requests().at(0));
   EXPECT_EQ(asked["stream"], false);
   EXPECT_EQ(asked["options"]["num_predict"], 256);
   EXPECT_THAT(asked["prompt"].get<std::string>(), HasSubstr("1. a\n"));
@@ -340,7 +339,7 @@ TEST(ChatLocally, TheLocalModelServerAnswersForModelsThatNoWorkerHas) {
   EXPECT_EQ(reply["worker"], "local");
   EXPECT_EQ(reply["choices"][0]["message"]["content"], "small");
   EXPECT_EQ(reply["usage"]["total_tokens"], 3);
-  const json asked = bodyOf(local.requests().at(1));
+  const json asked = jsonOf(local.requests().at(1));
   EXPECT_EQ(asked["stream"], false);
   EXPECT_EQ(asked["options"], json::parse(R"({"temperature":0.5,"num_predict":9})"));
   EXPECT_EQ(cluster.ask(R"({"model":"huge","messages":[1]})")->status, 404);

@@ -1,14 +1,15 @@
 #pragma once
 
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "controller/routes/families.h"
 #include "inference/chat_proxy.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
 #include "support/test_server.h"
+#include "support/workers.h"
 
 namespace tavrel::test {
 
@@ -34,16 +35,11 @@ struct ChatCluster {
         chat({workers, ai_control, experts, routers, [this] { return science_url; }, http, local,
               metrics},
              {patience, patience, patience, patience}),
-        server(book()) {}
+        server([this](api::RouteBook& routes) { controller::addChatRoutes(routes, chat); }) {}
 
   void addWorker(const std::string& id, int port, std::vector<std::string> models = {"m"}) {
-    worker::WorkerInfo info;
-    info.worker_id = id;
-    info.status = worker::WorkerStatus::kOnline;
-    info.ip_address = "127.0.0.1";
-    info.port = port;
+    worker::WorkerInfo info = onlineWorker(id, port, std::move(models));
     info.backend_type = "vllm";
-    info.capabilities.installed_models = std::move(models);
     workers.registerWorker(std::move(info), false);
   }
 
@@ -52,13 +48,6 @@ struct ChatCluster {
   }
   httplib::Result ask(const std::string& body) const {
     return post("/api/v1/chat/completions", body);
-  }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addChatRoutes(routes, chat);
-    return routes;
   }
 };
 
@@ -83,8 +72,8 @@ inline MockPeer::Script answeringByPath(std::vector<std::pair<std::string, std::
 }
 
 /// The JSON body of a request that a mock peer received.
-inline nlohmann::json bodyOf(const std::string& request) {
-  return nlohmann::json::parse(request.substr(request.find("\r\n\r\n") + 4));
+inline nlohmann::json jsonOf(const std::string& request) {
+  return nlohmann::json::parse(bodyOf(request));
 }
 
 }  // namespace tavrel::test

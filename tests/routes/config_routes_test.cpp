@@ -26,20 +26,15 @@ struct ConfigServer {
   net::HttpClient http;
   config::NodeConfigs configs;
   config::BackendProfileManager profiles{file};
-  TestServer server{book()};
+  TestServer server{[this](api::RouteBook& routes) {
+    controller::addConfigRoutes(routes, configs);
+    controller::addBackendRoutes(routes, profiles, http);
+  }};
   JsonClient client{server};
 
   ~ConfigServer() { std::filesystem::remove_all(home); }
 
   json saved() const { return json::parse(platform::readFile(file).value_or("")); }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addConfigRoutes(routes, configs);
-    controller::addBackendRoutes(routes, profiles, http);
-    return routes;
-  }
 };
 
 TEST(ConfigRoutes, EveryStoreIsANewVersion) {
@@ -85,20 +80,16 @@ TEST(ConfigRoutes, BadRequestsAreRefused) {
   EXPECT_EQ(server.client.post("/api/v1/config/set", {{"x", 1}}).error(), "Missing node_id");
   EXPECT_EQ(server.client.get("/api/v1/config/pull").error(), "Missing node_id parameter");
   const JsonReply unknown = server.client.get("/api/v1/config/pull?node_id=x");
-  EXPECT_EQ(unknown.status, 404);
-  EXPECT_EQ(unknown.error(), "No config found for node: x");
+  EXPECT_EQ(unknown.refusal(), "404 No config found for node: x");
 }
 
 TEST(BackendRoutes, ProfilesAreCreatedReplacedAndRemoved) {
   ConfigServer server;
   const JsonReply made = server.client.post(
       "/api/v1/backends/profiles",
-      {{"name", "a"},
-       {"type", "grok"},
-       {"api_key", "sk-1"},
-       {"priority", 7},
-       {"aws_credentials", {{"access_key", "AK"}, {"secret_key", "SK"}, {"session_token", "ST"}}},
-       {"azure_settings", {{"deployment_id", "d"}}}});
+      json::parse(R"({"name": "a", "type": "grok", "api_key": "sk-1", "priority": 7,
+          "aws_credentials": {"access_key": "AK", "secret_key": "SK", "session_token": "ST"},
+          "azure_settings": {"deployment_id": "d"}})"));
   EXPECT_EQ(made.status, 201);
   EXPECT_EQ(made.json["type"], "xai");
   EXPECT_EQ(made.json["has_api_key"], true);
@@ -187,8 +178,7 @@ TEST(BackendRoutes, AWorkerGetsItsProfilesAndSecretsOnlyWithAKey) {
   EXPECT_EQ(found["auto_detect_local"], true);
 
   const JsonReply refused = server.client.get("/api/v1/backends/worker/w?secrets=true");
-  EXPECT_EQ(refused.status, 403);
-  EXPECT_EQ(refused.error(), "API key required to retrieve secrets");
+  EXPECT_EQ(refused.refusal(), "403 API key required to retrieve secrets");
   httplib::Client client = server.server.client();
   const auto open = client.Get("/api/v1/backends/worker/w?secrets=true", {{"X-API-Key", "any"}});
   EXPECT_EQ(json::parse(open->body)["profiles"][1]["api_key"], "s");

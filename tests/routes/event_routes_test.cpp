@@ -21,12 +21,6 @@ using testing::Not;
 
 class EventRoutes : public testing::Test {
  protected:
-  static api::RouteBook book(events::EventStreamService& events) {
-    api::RouteBook book;
-    addEventRoutes(book, events);
-    return book;
-  }
-
   json get(const std::string& target) {
     const auto answer = server_.client().Get(target);
     if (!answer || answer->status != 200) {
@@ -53,7 +47,7 @@ class EventRoutes : public testing::Test {
   }
 
   events::EventStreamService events_;
-  test::TestServer server_{book(events_)};
+  test::TestServer server_{[this](api::RouteBook& book) { addEventRoutes(book, events_); }};
 };
 
 TEST_F(EventRoutes, ListsTheNewestRecordsAndCapsTheCount) {
@@ -88,7 +82,7 @@ TEST_F(EventRoutes, TheLevelOfLogsGoesBeforeTheSource) {
   events_.logInfo("b", "worker", "3");
   EXPECT_EQ(get("/api/v1/logs?level=info&source=b")["logs"][0]["message"], "1");
   EXPECT_EQ(get("/api/v1/logs?source=b&count=1")["logs"][0]["message"], "3");
-  EXPECT_EQ(get("/api/v1/logs?level=nothing")["count"], 0);
+  EXPECT_EQ(get("/api/v1/logs?level=INFO")["count"], 0);
 }
 
 TEST_F(EventRoutes, ARecordThatIsNotUtf8DoesNotSpoilTheList) {
@@ -132,6 +126,8 @@ TEST_F(EventRoutes, AReaderOfNothingGetsHeartbeatsAndItsLeavingIsNoticedAtOnce) 
   }
   EXPECT_THAT(seen, HasSubstr("event: heartbeat\n"));
   EXPECT_THAT(seen, Not(HasSubstr("early")));
+  EXPECT_EQ(get("/api/v1/events")["count"], 1) << "heartbeats are not kept";
+  EXPECT_EQ(get("/api/v1/events/stats")["total_events_published"], 1) << "nor counted";
 
   other.close();
   EXPECT_TRUE(waitForReaders(0)) << "no record is sent meanwhile";

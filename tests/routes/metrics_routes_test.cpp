@@ -17,13 +17,6 @@ using testing::HasSubstr;
 
 class MetricsRoutes : public testing::Test {
  protected:
-  static api::RouteBook book(metrics::MetricsCollector& collector,
-                             metrics::MetricsHistory& history) {
-    api::RouteBook book;
-    addMetricsRoutes(book, collector, history);
-    return book;
-  }
-
   httplib::Result get(const std::string& target) { return server_.client().Get(target); }
   json jsonOf(const std::string& target) {
     const auto answer = get(target);
@@ -32,7 +25,8 @@ class MetricsRoutes : public testing::Test {
 
   metrics::MetricsCollector collector_;
   metrics::MetricsHistory history_;
-  test::TestServer server_{book(collector_, history_)};
+  test::TestServer server_{
+      [this](api::RouteBook& book) { addMetricsRoutes(book, collector_, history_); }};
 };
 
 TEST_F(MetricsRoutes, ExposeTheCollectorAsTextAndAsJson) {

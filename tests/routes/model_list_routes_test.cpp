@@ -16,26 +16,18 @@ struct ModelLists {
   inference::LocalModelServer local;
   std::vector<inference::RemoteCatalogue> remotes;
   inference::ModelCatalogue models{workers, local, http, [this] { return remotes; }};
-  TestServer server;
+  TestServer server{
+      [this](api::RouteBook& routes) { controller::addModelListRoutes(routes, models); }};
 
-  explicit ModelLists(const std::string& local_url) : local(http, local_url), server(book()) {}
+  explicit ModelLists(const std::string& local_url) : local(http, local_url) {}
 
   void addWorker(const std::string& id, std::vector<std::string> installed, bool online = true) {
-    worker::WorkerInfo info;
-    info.worker_id = id;
-    info.status = online ? worker::WorkerStatus::kOnline : worker::WorkerStatus::kOffline;
-    info.capabilities.installed_models = std::move(installed);
+    worker::WorkerInfo info = onlineWorker(id, 0, std::move(installed));
+    if (!online) info.status = worker::WorkerStatus::kOffline;
     workers.registerWorker(std::move(info), false);
   }
   json get(const std::string& path) const {
     return json::parse(server.client().Get(path.c_str())->body);
-  }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addModelListRoutes(routes, models);
-    return routes;
   }
 };
 

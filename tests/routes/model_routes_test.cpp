@@ -9,7 +9,9 @@
 #include "models/pull_jobs.h"
 #include "support/daemons.h"
 #include "support/json_client.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
+#include "support/workers.h"
 #include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
 
@@ -30,7 +32,9 @@ struct ModelServer {
   models::ModelRegistry registry{client, typed.of(worker::WorkerKind::kData)};
   models::PullJobs jobs{client, events};
   models::ModelDistribution distribution{client, workers, registry};
-  TestServer server{book()};
+  TestServer server{[this](api::RouteBook& routes) {
+    controller::addModelRoutes(routes, workers, jobs, distribution, client, local_url);
+  }};
   JsonClient api{server};
 
   ~ModelServer() {
@@ -40,12 +44,10 @@ struct ModelServer {
 
   void addWorker(const std::string& id, int port, WorkerStatus status = WorkerStatus::kOnline,
                  const std::string& type = "inference", const std::string& address = "127.0.0.1") {
-    worker::WorkerInfo info;
-    info.worker_id = id;
+    worker::WorkerInfo info = onlineWorker(id, port);
     info.worker_name = "name of " + id;
     info.ip_address = address;
     info.running_models.emplace_back().name = "loaded on " + id;
-    info.port = port;
     info.status = status;
     info.worker_type = type;
     workers.registerWorker(info, false);
@@ -74,18 +76,10 @@ struct ModelServer {
     return false;
   }
   json pulled(const json& body) { return finished(pull(body).json.at("job_id")); }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addModelRoutes(routes, workers, jobs, distribution, client, local_url);
-    return routes;
-  }
 };
 
 json bodyOf(const MockPeer& peer, std::size_t request = 0) {
-  const std::string text = peer.requests().at(request);
-  return json::parse(text.substr(text.find("\r\n\r\n") + 4));
+  return json::parse(test::bodyOf(peer.requests().at(request)));
 }
 
 TEST(ModelRoutes, APullJobTellsHowEachWorkerFared) {
@@ -157,8 +151,7 @@ TEST(ModelRoutes, APullJobEndsAsItsWorkersDid) {
   EXPECT_EQ(server.pull({{"all", true}}).error(), "model is required");
   EXPECT_EQ(server.api.postText("/api/v1/models/pull", "{").error(), "Invalid JSON body");
   const JsonReply unknown = server.api.get("/api/v1/models/pull-jobs/unknown");
-  EXPECT_EQ(unknown.status, 404);
-  EXPECT_EQ(unknown.error(), "Pull job not found: unknown");
+  EXPECT_EQ(unknown.refusal(), "404 Pull job not found: unknown");
 }
 
 TEST(ModelRoutes, AWorkerWhoseAddressWouldLeadElsewhereIsNotCalled) {

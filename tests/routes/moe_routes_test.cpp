@@ -4,7 +4,7 @@
 
 #include "ai/moe_router.h"
 #include "controller/routes/families.h"
-#include "support/test_server.h"
+#include "support/json_client.h"
 
 namespace tavrel::test {
 namespace {
@@ -13,50 +13,38 @@ using nlohmann::json;
 
 struct MoeServer {
   ai::MoeRouter experts;
-  TestServer server{book()};
-  httplib::Client client = server.client();
-
-  httplib::Result post(const std::string& path, const std::string& body) {
-    return client.Post(path.c_str(), body, "application/json");
-  }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addMoeRoutes(routes, experts);
-    return routes;
-  }
+  TestServer server{[this](api::RouteBook& routes) { controller::addMoeRoutes(routes, experts); }};
+  JsonClient client{server};
 };
 
 TEST(MoeRoutes, ExpertsAreAddedMatchedAndRemoved) {
   MoeServer server;
-  EXPECT_EQ(server.client.Get("/api/v1/moe/config")->body,
+  EXPECT_EQ(server.client.get("/api/v1/moe/config").body,
             R"({"default_expert":"","enabled":false,"experts":[],"router_model":""})");
   const std::string stored = R"({"categories":["dev"],"description":"","enabled":true,)"
                              R"("id":"code","keywords":["python"],"model":"coder"})";
-  EXPECT_EQ(server
-                .post("/api/v1/moe/experts",
-                      R"({"id":"code","model":"coder","keywords":["python"],"categories":["dev"]})")
-                ->body,
-            stored);
-  EXPECT_EQ(server.post("/api/v1/moe/route", R"({"query":"python"})")->body,
+  EXPECT_EQ(
+      server.client
+          .postText("/api/v1/moe/experts",
+                    R"({"id":"code","model":"coder","keywords":["python"],"categories":["dev"]})")
+          .body,
+      stored);
+  EXPECT_EQ(server.client.postText("/api/v1/moe/route", R"({"query":"python"})").body,
             R"({"default_expert":"","reason":"MoE routing is disabled","routed":false})");
   EXPECT_EQ(
-      server.post("/api/v1/moe/config", R"({"enabled":true})")->body,
+      server.client.postText("/api/v1/moe/config", R"({"enabled":true})").body,
       R"({"default_expert":"","enabled":true,"experts":[)" + stored + R"(],"router_model":""})");
-  EXPECT_EQ(server.post("/api/v1/moe/route", R"({"query":"Fix my Python bug"})")->body,
+  EXPECT_EQ(server.client.postText("/api/v1/moe/route", R"({"query":"Fix my Python bug"})").body,
             R"({"expert_id":"code","model":"coder","query_preview":"Fix my Python bug",)"
             R"("routed":true,"score":1})");
-  EXPECT_EQ(server.client.Delete("/api/v1/moe/experts/code")->body, R"({"status":"removed"})");
-  EXPECT_EQ(server.client.Delete("/api/v1/moe/experts/code")->status, 404);
+  EXPECT_EQ(server.client.del("/api/v1/moe/experts/code").body, R"({"status":"removed"})");
+  EXPECT_EQ(server.client.del("/api/v1/moe/experts/code").status, 404);
 }
 
 TEST(MoeRoutes, BadRequestsAreRefused) {
   MoeServer server;
-  const auto expect = [&](const char* path, const char* body, const char* text) {
-    const auto result = server.post(path, body);
-    EXPECT_EQ(result->status, 400) << path << body;
-    EXPECT_EQ(json::parse(result->body)["error"], text);
+  const auto expect = [&](const char* path, const char* body, const std::string& text) {
+    EXPECT_EQ(server.client.postText(path, body).refusal(), "400 " + text) << path << body;
   };
   for (const char* path : {"/api/v1/moe/config", "/api/v1/moe/experts", "/api/v1/moe/route"}) {
     expect(path, "{", "Invalid JSON body");
@@ -64,8 +52,8 @@ TEST(MoeRoutes, BadRequestsAreRefused) {
   expect("/api/v1/moe/experts", R"({"id":"x"})", "id and model are required");
   expect("/api/v1/moe/experts", R"({"model":"x"})", "id and model are required");
   expect("/api/v1/moe/route", "{}", "query is required");
-  EXPECT_EQ(server.post("/api/v1/moe/experts", R"({"id":1,"model":"x"})")->status, 500);
-  EXPECT_EQ(json::parse(server.client.Get("/api/v1/moe/config")->body)["experts"].size(), 0U);
+  EXPECT_EQ(server.client.postText("/api/v1/moe/experts", R"({"id":1,"model":"x"})").status, 500);
+  EXPECT_EQ(server.client.get("/api/v1/moe/config").json["experts"].size(), 0U);
 }
 
 }  // namespace

@@ -15,12 +15,10 @@ class OrganizationRoutesTest : public AccountRoutesTest {
 };
 
 TEST_F(OrganizationRoutesTest, AnybodyMakesReadsAndChangesOne) {
-  const auto made = send("", "POST", "/api/v1/orgs",
-                         json{{"name", "Acme"},
-                              {"max_users", 1e300},
-                              {"settings", {{"theme", "dark"}}},
-                              {"email_domain", "example.org"},
-                              {"owner_user_id", "usr_root"}});
+  const auto made =
+      send("", "POST", "/api/v1/orgs", json::parse(R"({"name": "Acme", "max_users": 1e300,
+                             "settings": {"theme": "dark"}, "email_domain": "example.org",
+                             "owner_user_id": "usr_root"})"));
   ASSERT_EQ(made.status, 201) << made.body;
   const std::string id = made.json.at("id");
   EXPECT_EQ(id.size(), 16U);
@@ -115,10 +113,8 @@ TEST_F(OrganizationRoutesTest, MembershipFollowsIntoOpenSessions) {
   EXPECT_EQ(
       send("manager", "POST", "/api/v1/orgs/org_acme/invite", R"({"email": "ann@example.org"})")
           .json,
-      json({{"status", "invited"},
-            {"user_id", "usr_ann"},
-            {"org_id", "org_acme"},
-            {"role", "viewer"}}));
+      json::parse(R"({"status": "invited", "user_id": "usr_ann", "org_id": "org_acme",
+          "role": "viewer"})"));
   EXPECT_EQ(session().org_id, "org_acme");
   EXPECT_EQ(session().role, "viewer");
 

@@ -11,7 +11,9 @@
 #include "support/daemons.h"
 #include "support/gguf_file.h"
 #include "support/json_client.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
+#include "support/workers.h"
 #include "worker/worker_registry.h"
 
 namespace tavrel::test {
@@ -33,18 +35,16 @@ struct PipelineServer {
   pipeline::PipelineCoordinator pipelines{
       client, workers, [this] { return registry.storageWorkerUrl(platform::wallNow()); }};
   std::map<std::string, std::unique_ptr<MockPeer>> peers;
-  TestServer server{book()};
+  TestServer server{[this](api::RouteBook& routes) {
+    controller::addPipelineRoutes(routes, pipelines, registry);
+  }};
   JsonClient api{server};
 
   void addWorker(const std::string& id, std::uint64_t gib,
                  MockPeer::Script script = MockPeer::answering(httpAnswer(200, "{}"))) {
     peers[id] = std::make_unique<MockPeer>(std::move(script));
-    worker::WorkerInfo info;
-    info.worker_id = id;
+    worker::WorkerInfo info = onlineWorker(id, peers[id]->port());
     info.worker_name = "name of " + id;
-    info.ip_address = "127.0.0.1";
-    info.port = peers[id]->port();
-    info.status = WorkerStatus::kOnline;
     if (gib > 0) {
       info.metrics.gpus.resize(2);
       for (auto& gpu : info.metrics.gpus) gpu.memory_total = gib << 29;
@@ -71,8 +71,7 @@ struct PipelineServer {
   json show(const std::string& id) { return api.get("/api/v1/pipeline/" + id).json; }
 
   json bodyAt(const std::string& worker, std::size_t request) {
-    const std::string text = peers.at(worker)->requests().at(request);
-    return json::parse(text.substr(text.find("\r\n\r\n") + 4));
+    return json::parse(bodyOf(peers.at(worker)->requests().at(request)));
   }
   /// Which layers each shard of a pipeline has.
   static json layers(const json& pipeline) {
@@ -81,13 +80,6 @@ struct PipelineServer {
       list.push_back({shard.at("layer_start"), shard.at("layer_end")});
     }
     return list;
-  }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addPipelineRoutes(routes, pipelines, registry);
-    return routes;
   }
 };
 
@@ -107,6 +99,8 @@ TEST(PipelineRoutes, AModelOfTheRegistryIsSpreadOverWorkersByTheirMemory) {
   EXPECT_EQ(server.layers(deployed), json::parse("[[0,19],[19,25],[25,32]]"));
   EXPECT_EQ(deployed["status"], "loading");
   EXPECT_EQ(deployed["strategy"], "vram_proportional");
+  EXPECT_EQ(deployed["shards"][0]["role"], "head");
+  EXPECT_EQ(deployed["shards"][2]["role"], "tail");
   EXPECT_EQ(deployed["model_name"], "big.gguf");
   EXPECT_EQ(deployed["shards"][0]["worker_vram_total"], std::uint64_t{24} << 30);
   EXPECT_EQ(deployed["shards"][0]["worker_vram_free"], 5);
@@ -196,8 +190,7 @@ TEST(PipelineRoutes, RebalancingUsesTheWorkersThatAreOnline) {
 
   for (const char* worker : {"a", "b", "c"}) server.setOnline(worker, false);
   const JsonReply nobody = server.act("rebalance", id);
-  EXPECT_EQ(nobody.status, 400);
-  EXPECT_EQ(nobody.error(), "No online workers available for rebalance");
+  EXPECT_EQ(nobody.refusal(), "400 No online workers available for rebalance");
 
   EXPECT_EQ(server.act("undeploy", id).json, json({{"status", "undeployed"}, {"pipeline_id", id}}));
   EXPECT_EQ(server.act("undeploy", id).error(), "Pipeline not found: " + id);
@@ -329,6 +322,12 @@ TEST(PipelineRoutes, AWrongWishIsRefusedWithItsReason) {
   for (const char* layers : {"[32]", "[16,15]", "[16,17]", "[[0,16],[17,32]]", R"(["a","b"])"}) {
     manual["manual_layers"] = json::parse(layers);
     EXPECT_NE(refusal(manual), "") << layers;
+  }
+  for (const char* member : {R"({"model_id":7})", R"({"strategy":null})", R"({"tensor_port":"x"})",
+                             R"({"workers":[1]})"}) {
+    json body = wanted;
+    body.update(json::parse(member));
+    EXPECT_EQ(server.deploy(body).status, 500) << member;
   }
   json elsewhere = wanted;
   for (const std::string& url : {std::string("file:///etc/passwd"), store.url("/?x="),

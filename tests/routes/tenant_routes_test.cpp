@@ -30,28 +30,19 @@ class TenantRoutesTest : public testing::Test {
 
   test::JsonReply send(const std::string& method, const std::string& path,
                        const std::string& body = "") {
-    httplib::Request request;
-    request.method = method;
-    request.path = path;
-    request.headers = {{"Content-Type", "application/json"},
-                       {"X-API-Key", "the caller's"},
-                       {"Cookie", "tavrel_session=the caller's"},
-                       {"Authorization", "Bearer the caller's"}};
-    request.body = body;
-    const httplib::Result result = client_.send(request);
-    if (!result) throw std::runtime_error("no answer");
-    return {result->status, result->body, json::parse(result->body, nullptr, false)};
+    return client_.send(method, path, body,
+                        {{"X-API-Key", "the caller's"},
+                         {"Cookie", "tavrel_session=the caller's"},
+                         {"Authorization", "Bearer the caller's"}});
   }
 
   net::HttpClient http_;
   net::WorkerClient workers_{http_};
   worker::TypedWorkerRegistries typed_;
-  test::TestServer server_{[this](api::HttpServer& server) {
-    api::RouteBook book;
+  test::TestServer server_{[this](api::RouteBook& book) {
     addTenantRoutes(book, typed_.of(worker::WorkerKind::kData), workers_);
-    server.addRoutes(book);
   }};
-  httplib::Client client_{server_.client()};
+  test::JsonClient client_{server_};
 };
 
 TEST_F(TenantRoutesTest, ListsOfAllDataWorkersBecomeOne) {

@@ -19,24 +19,18 @@ struct ThemeServer {
   ai::AiControl control{http};
   ai::LazyThemeDetector detector{http};
   cluster::RoutingRules rules;
-  TestServer server{book()};
-  JsonClient client{server};
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
+  TestServer server{[this](api::RouteBook& routes) {
     controller::addThemeRoutes(routes, detector, control);
     controller::addRoutingRuleRoutes(routes, rules, detector);
-    return routes;
-  }
+  }};
+  JsonClient client{server};
 };
 
 TEST(ThemeRoutes, ThemesAreListedAddedAndDeleted) {
   ThemeServer server;
   for (const char* path : {"/api/v1/themes/delete", "/api/v1/themes/save"}) {
     const JsonReply early = server.client.post(path, {{"name", "x"}, {"path", "x"}});
-    EXPECT_EQ(early.status, 400);
-    EXPECT_EQ(early.error(), "Theme detector not initialized");
+    EXPECT_EQ(early.refusal(), "400 Theme detector not initialized");
   }
   EXPECT_FALSE(server.client.get("/api/v1/routing/stats").json.contains("theme_stats"));
   const JsonReply list = server.client.get("/api/v1/themes");
@@ -74,8 +68,10 @@ TEST(ThemeRoutes, OnlyADetectorMadeForDetectionLearnsOfTheModel) {
   {
     ThemeServer server;
     server.control.configure(config);
-    EXPECT_EQ(server.client.post("/api/v1/themes/detect", {{"content", "?"}}).json["method"],
-              "llm");
+    const json asked = server.client.post("/api/v1/themes/detect", {{"content", "a poem"}}).json;
+    EXPECT_EQ(asked["method"], "llm") << "the keywords say little";
+    EXPECT_EQ(asked["theme"], "code");
+    EXPECT_NE(model.requests().at(0).find(R"(\"\"\"a poem\"\"\")"), std::string::npos);
   }
   ThemeServer server;
   server.control.configure(config);

@@ -7,6 +7,7 @@
 #include "models/training_jobs.h"
 #include "support/daemons.h"
 #include "support/json_client.h"
+#include "support/messages.h"
 #include "support/mock_peer.h"
 
 namespace tavrel::test {
@@ -21,7 +22,10 @@ struct StoreServer {
   worker::TypedWorkerRegistries typed;
   models::ModelRegistry registry{client, typed.of(WorkerKind::kData)};
   models::TrainingJobs jobs{client, typed.of(WorkerKind::kTraining), registry};
-  TestServer server{book()};
+  TestServer server{[this](api::RouteBook& routes) {
+    controller::addModelRegistryRoutes(routes, registry);
+    controller::addTrainingRoutes(routes, jobs);
+  }};
   JsonClient api{server};
 
   void addStore(const std::string& id, const std::string& url, int silent_seconds = 0) {
@@ -36,14 +40,6 @@ struct StoreServer {
       info.details["active_jobs"] = active_jobs;
     });
   }
-
- private:
-  api::RouteBook book() {
-    api::RouteBook routes;
-    controller::addModelRegistryRoutes(routes, registry);
-    controller::addTrainingRoutes(routes, jobs);
-    return routes;
-  }
 };
 
 std::string requestLine(const MockPeer& peer, std::size_t request = 0) {
@@ -52,8 +48,7 @@ std::string requestLine(const MockPeer& peer, std::size_t request = 0) {
 }
 
 std::string bodyOf(const MockPeer& peer, std::size_t request = 0) {
-  const std::string text = peer.requests().at(request);
-  return text.substr(text.find("\r\n\r\n") + 4);
+  return test::bodyOf(peer.requests().at(request));
 }
 
 TEST(ModelRegistryRoutes, ForwardToTheFirstFreshDataWorkerWithStorage) {
@@ -62,8 +57,7 @@ TEST(ModelRegistryRoutes, ForwardToTheFirstFreshDataWorkerWithStorage) {
   addDaemon(server.typed, WorkerKind::kData, "a", "http://127.0.0.1:1", {});
   server.addStore("b", "http://127.0.0.1:1", 121);
   const JsonReply none = server.api.get("/api/v1/model-registry");
-  EXPECT_EQ(none.status, 503);
-  EXPECT_EQ(none.error(), "No data worker with storage available");
+  EXPECT_EQ(none.refusal(), "503 No data worker with storage available");
 
   server.addStore("c", store.url("/"));
   const JsonReply list = server.api.get("/api/v1/model-registry");
@@ -101,13 +95,11 @@ TEST(ModelRegistryRoutes, PassOnWhateverADataWorkerSays) {
   EXPECT_EQ(nothing.body, "");
   for (const int odd : {304, 600, 999}) {
     const JsonReply refused = answered(MockPeer::answering(httpAnswer(odd, "")));
-    EXPECT_EQ(refused.status, 502) << odd;
-    EXPECT_EQ(refused.error(), "Failed to reach data worker") << odd;
+    EXPECT_EQ(refused.refusal(), "502 Failed to reach data worker") << odd;
   }
   const JsonReply dropped =
       answered([](MockConnection& connection) { connection.readRequest(), connection.reset(); });
-  EXPECT_EQ(dropped.status, 502);
-  EXPECT_EQ(dropped.error(), "Failed to reach data worker");
+  EXPECT_EQ(dropped.refusal(), "502 Failed to reach data worker");
 }
 
 TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
@@ -138,18 +130,16 @@ TEST(TrainingRoutes, AJobGoesToTheLeastBusyWorkerWithTheBackend) {
   EXPECT_EQ(submit({{"backend", nullptr}}).json["training_worker_id"], "t2");
 
   const JsonReply none = submit({{"backend", "deepspeed"}});
-  EXPECT_EQ(none.status, 503);
-  EXPECT_EQ(none.error(), "No suitable training worker available (requested backend: deepspeed)");
+  EXPECT_EQ(none.refusal(),
+            "503 No suitable training worker available (requested backend: deepspeed)");
   server.addTrainer("t2", second.url(""), 9, {"axolotl"});
   const JsonReply dead = submit({{"backend", "axolotl"}});
-  EXPECT_EQ(dead.status, 502);
-  EXPECT_EQ(dead.error(), "Training worker request failed: Couldn't connect to server");
+  EXPECT_EQ(dead.refusal(), "502 Training worker request failed: Couldn't connect to server");
 
   MockPeer odd(MockPeer::answering(httpAnswer(600, "{}")));
   server.addTrainer("t4", odd.url(""), 0, {"odd"});
   const JsonReply passed_over = submit({{"backend", "odd"}});
-  EXPECT_EQ(passed_over.status, 502);
-  EXPECT_EQ(passed_over.error(), "Training worker request failed: HTTP 600");
+  EXPECT_EQ(passed_over.refusal(), "502 Training worker request failed: HTTP 600");
 }
 
 TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
@@ -191,8 +181,7 @@ TEST(TrainingRoutes, JobsAreGatheredAndFoundAgain) {
     const JsonReply unknown =
         cancel ? server.api.post("/api/v1/training/jobs/j/cancel", json::object())
                : server.api.get("/api/v1/training/jobs/j");
-    EXPECT_EQ(unknown.status, 404);
-    EXPECT_EQ(unknown.error(), "Training job not found: j");
+    EXPECT_EQ(unknown.refusal(), "404 Training job not found: j");
   }
 }
 

@@ -19,30 +19,19 @@ using worker::WorkerKind;
 
 class TypedWorkerRoutes : public testing::Test {
  protected:
-  TypedWorkerRoutes() : server_(book()), client_(server_) {}
-
-  api::RouteBook book() {
-    api::RouteBook book;
-    addTypedWorkerRoutes(book, typed_, workers_, events_);
-    return book;
-  }
-
   worker::TypedWorkerRegistries typed_;
   worker::WorkerRegistry workers_;
   events::EventStreamService events_;
-  test::TestServer server_;
-  test::JsonClient client_;
+  test::TestServer server_{
+      [this](api::RouteBook& book) { addTypedWorkerRoutes(book, typed_, workers_, events_); }};
+  test::JsonClient client_{server_};
 };
 
 TEST_F(TypedWorkerRoutes, DataWorkerComesAndLeaves) {
   testing::internal::CaptureStdout();
-  const JsonReply reply = client_.post("/api/v1/data-workers/register", {{"id", "d1"},
-                                                                         {"name", "store"},
-                                                                         {"ip_address", "10.0.0.7"},
-                                                                         {"port", 8892},
-                                                                         {"storage_enabled", true},
-                                                                         {"nfs_enabled", true},
-                                                                         {"nfs_port", 2049}});
+  const JsonReply reply = client_.post("/api/v1/data-workers/register", json::parse(R"({"id":
+      "d1", "name": "store", "ip_address": "10.0.0.7", "port": 8892, "storage_enabled": true,
+      "nfs_enabled": true, "nfs_port": 2049})"));
   EXPECT_EQ(reply.body, R"({"data_worker_id":"d1",)"
                         R"("message":"Data worker registered successfully","success":true})");
   EXPECT_EQ(client_.post("/api/v1/data-workers/d1/deregister", json::object()).body,

@@ -1,3 +1,5 @@
+#include <map>
+
 #include "routes/account_routes_fixture.h"
 
 namespace tavrel::controller {

@@ -1,3 +1,5 @@
+#include <map>
+
 #include "routes/account_routes_fixture.h"
 
 namespace tavrel::controller {
@@ -29,11 +31,9 @@ class UserRoutesTest : public AccountRoutesTest {
 
 TEST_F(UserRoutesTest, AnAdministratorMakesAnAccountThatCanSignIn) {
   addOrganization("acme");
-  const auto made = send("manager", "POST", "/api/v1/users",
-                         json{{"email", "new@example.org"},
-                              {"password", "long enough"},
-                              {"name", "New"},
-                              {"org_id", "org_acme"}});
+  const auto made =
+      send("manager", "POST", "/api/v1/users", json::parse(R"({"email": "new@example.org",
+                             "password": "long enough", "name": "New", "org_id": "org_acme"})"));
   ASSERT_EQ(made.status, 201) << made.body;
   const User user = store_->findByEmail("new@example.org").value();
   EXPECT_EQ(made.json, user.toJson());
@@ -57,11 +57,9 @@ TEST_F(UserRoutesTest, AnAdministratorMakesAnAccountThatCanSignIn) {
 
 TEST_F(UserRoutesTest, AnAccountMayComeWithItsOrganization) {
   const auto made = send("root", "POST", "/api/v1/users",
-                         json{{"email", "owner@acme.org"},
-                              {"password", "long enough"},
-                              {"role", "cluster_admin"},
-                              {"registration_type", "organization"},
-                              {"org_name", "Acme & Sons"}});
+                         json::parse(R"({"email": "owner@acme.org", "password": "long enough",
+                             "role": "cluster_admin", "registration_type": "organization",
+                             "org_name": "Acme & Sons"})"));
   ASSERT_EQ(made.status, 201) << made.body;
   EXPECT_EQ(made.json.at("role"), "org_admin");
   const auto organization = store_->getOrganization(made.json.at("org_id"));
@@ -252,17 +250,13 @@ class WithoutAccountsTest : public AccountRoutesTest {
 
 TEST_F(WithoutAccountsTest, TheUsersAreTheKeys) {
   const httplib::Headers key = {{"X-API-Key", "root-key-0123456789"}};
-  EXPECT_EQ(sendWith(key, "GET", "/api/v1/users").json,
-            json({{"count", 1},
-                  {"users",
-                   {{{"name", "Admin Key"},
-                     {"type", "admin"},
-                     {"roles", {"admin", "operator", "viewer"}},
-                     {"key_prefix", "root-key-012..."}}}}}));
+  EXPECT_EQ(server_.send(key, "GET", "/api/v1/users").json,
+            json::parse(R"({"count": 1, "users": [{"name": "Admin Key", "type": "admin",
+                "roles": ["admin", "operator", "viewer"], "key_prefix": "root-key-012..."}]})"));
   EXPECT_EQ(send("", "GET", "/api/v1/users").status, 403);
   for (const auto& [method, path] : std::map<std::string, std::string>{
            {"POST", "/api/v1/users"}, {"PUT", "/api/v1/users/usr_x"}}) {
-    EXPECT_EQ(refusal(sendWith(key, method, path, "{}")),
+    EXPECT_EQ(refusal(server_.send(key, method, path, "{}")),
               "403 User management requires --auth-mode full");
   }
 }

@@ -20,12 +20,10 @@ using nlohmann::json;
 
 struct WorkerPoolRoutes : testing::Test {
   explicit WorkerPoolRoutes(bool with_pool = true)
-      : server([&] {
-          api::RouteBook book;
+      : server([&](api::RouteBook& book) {
           controller::addWorkerPoolRoutes(book, with_pool ? &balancer : nullptr,
                                           with_pool ? &pool : nullptr, executor);
-          return book;
-        }()) {
+        }) {
     pool.start(1);
   }
   json execute(const json& task) { return client.post("/worker/execute", task).json; }
@@ -76,11 +74,8 @@ TEST_F(WorkerPoolRoutes, ATaskGoesFromTheQueueToANodesShellAndItsResultBack) {
 
 TEST_F(WorkerPoolRoutes, CommandsTellTheirOutputAndStatus) {
   EXPECT_EQ(execute({{"type", "shell"}, {"params", {{"command", "echo a; echo b >&2; exit 4"}}}}),
-            (json{{"success", false},
-                  {"result", "a\n"},
-                  {"exit_code", 4},
-                  {"stdout", "a\n"},
-                  {"stderr", ""}}));
+            json::parse(R"({"success": false, "result": "a\n", "exit_code": 4,
+                "stdout": "a\n", "stderr": ""})"));
   const json late = execute(
       {{"type", "bash"}, {"params", {{"command", "echo x; sleep 60"}}}, {"timeout_ms", 100}});
   EXPECT_EQ(late["success"], false);
@@ -89,19 +84,16 @@ TEST_F(WorkerPoolRoutes, CommandsTellTheirOutputAndStatus) {
   EXPECT_EQ(execute({{"type", "bash"}, {"payload", {{"command", "printf '\\377'"}}}})["stdout"],
             "\xEF\xBF\xBD");
   const JsonReply refused = client.post("/worker/execute", {{"type", "bash"}});
-  EXPECT_EQ(refused.status, 400);
-  EXPECT_EQ(refused.error(), "command is required for bash task");
+  EXPECT_EQ(refused.refusal(), "400 command is required for bash task");
   EXPECT_EQ(client.postText("/worker/execute", "{").error(), "Invalid JSON body");
   programs.request_stop();
   EXPECT_EQ(execute({{"type", "bash"}, {"params", {{"command", "sleep 60"}}}})["success"], false);
 }
 
 TEST_F(WorkerPoolRoutes, HealthModelsAndUnknownTypesAreAnswered) {
-  EXPECT_EQ(execute({{"type", "health_check"}}), (json{{"success", true},
-                                                       {"result", {{"status", "healthy"}}},
-                                                       {"exit_code", 0},
-                                                       {"stdout", "Health check passed"},
-                                                       {"stderr", ""}}));
+  EXPECT_EQ(execute({{"type", "health_check"}}), json::parse(R"({"success": true,
+      "result": {"status": "healthy"}, "exit_code": 0, "stdout": "Health check passed",
+      "stderr": ""})"));
   EXPECT_EQ(execute({{"type", "dance"}})["stdout"], "Task type 'dance' acknowledged");
   const MockPeer models(
       MockPeer::answeringOnce(httpAnswer(200, R"({"models":[{"name":"a"},{"name":"b"}]})")));
@@ -121,8 +113,7 @@ struct WithoutWorkerPool : WorkerPoolRoutes {
 TEST_F(WithoutWorkerPool, TheRoutesSaySo) {
   for (const char* path : {"/api/v1/cluster/workers/stats", "/api/v1/cluster/workers/tasks",
                            "/api/v1/cluster/workers/tasks/x"}) {
-    EXPECT_EQ(client.get(path).status, 503) << path;
-    EXPECT_EQ(client.get(path).error(), "Worker pool not initialized") << path;
+    EXPECT_EQ(client.get(path).refusal(), "503 Worker pool not initialized") << path;
   }
   EXPECT_EQ(client.post("/api/v1/cluster/workers/submit", json::object()).error(),
             "Worker pool not initialized");

@@ -25,15 +25,7 @@ using testing::HasSubstr;
 
 class WorkerRoutes : public testing::Test {
  protected:
-  WorkerRoutes() : server_(book()), client_(server_) { history_.initialize(60, 10); }
-
-  api::RouteBook book() {
-    api::RouteBook book;
-    addWorkerRoutes(book, workers_, routers_, events_, history_, configs_, pipelines_,
-                    [this](const std::string& id) { refreshed_.push_back(id); });
-    addStatusRoutes(book, self_, workers_, routers_, typed_);
-    return book;
-  }
+  WorkerRoutes() { history_.initialize(60, 10); }
 
   JsonReply registerWorker(const std::string& id, const std::string& name) {
     return client_.post("/api/v1/workers/register",
@@ -57,8 +49,13 @@ class WorkerRoutes : public testing::Test {
   net::WorkerClient worker_client_{http_};
   pipeline::PipelineCoordinator pipelines_{worker_client_, workers_, [] { return ""; }};
   std::vector<std::string> refreshed_;
-  test::TestServer server_;
-  test::JsonClient client_;
+  test::TestServer server_{[this](api::RouteBook& book) {
+    addWorkerRoutes(book, workers_, routers_, events_, history_, configs_, pipelines_,
+                    [this](const std::string& id) { refreshed_.push_back(id); });
+    addStatusRoutes(book, self_, workers_, routers_, typed_);
+    addRouterRoutes(book, routers_);
+  }};
+  test::JsonClient client_{server_};
 };
 
 TEST_F(WorkerRoutes, RegistrationIsStoredPrintedAndAnnounced) {
@@ -94,8 +91,7 @@ TEST_F(WorkerRoutes, ListGetDiscoverAndDelete) {
   EXPECT_EQ(testing::internal::GetCapturedStdout(), "[Workers] Removed worker: a\n");
   for (const JsonReply& reply :
        {client_.del("/api/v1/workers/a"), client_.get("/api/v1/workers/a")}) {
-    EXPECT_EQ(reply.status, 404);
-    EXPECT_EQ(reply.error(), "Worker not found");
+    EXPECT_EQ(reply.refusal(), "404 Worker not found");
   }
 }
 
@@ -116,8 +112,8 @@ TEST_F(WorkerRoutes, HeartbeatRefreshesTheWorkerAndItsHistory) {
   registerWorker("w", "rig");
   EXPECT_EQ(heartbeat("w", json::object()).body, R"({"status":"ok"})");
   EXPECT_FALSE(history_.getLatestWorkerMetrics("w").has_value());
-  heartbeat("w", json::parse(R"({"installed_models": ["m"], "metrics":
-    {"cpu": {"usage_percent": 50, "cores": 4}, "memory": {"total": 200, "used": 50},
+  heartbeat("w", json::parse(R"({"installed_models": ["m"],
+    "metrics": {"cpu": {"usage_percent": 50, "cores": 4}, "memory": {"total": 200, "used": 50},
      "system": {"load_average": [1, 2, 3]},
      "gpus": [{"memory_total": 10, "memory_used": 1, "utilization": 20, "temperature": 60},
               {"memory_total": 10, "memory_used": 3, "utilization": 40, "temperature": 50}]}})"));
@@ -161,12 +157,10 @@ TEST_F(WorkerRoutes, BadBodiesAreRefusedAndChangeNothing) {
   for (const char* path : {"/api/v1/workers/register", "/api/v1/workers/w/heartbeat",
                            "/api/v1/cluster/nodes/heartbeat"}) {
     const JsonReply reply = client_.postText(path, "{");
-    EXPECT_EQ(reply.status, 400) << path;
-    EXPECT_EQ(reply.error(), "Invalid JSON body");
+    EXPECT_EQ(reply.refusal(), "400 Invalid JSON body") << path;
   }
   const JsonReply no_id = client_.post("/api/v1/workers/register", {{"port", "x"}});
-  EXPECT_EQ(no_id.status, 400);
-  EXPECT_EQ(no_id.error(), "worker_id is required");
+  EXPECT_EQ(no_id.refusal(), "400 worker_id is required");
   EXPECT_EQ(client_.post("/api/v1/cluster/nodes/heartbeat", {{"type", "router"}}).error(),
             "id is required");
 
@@ -190,36 +184,30 @@ TEST_F(WorkerRoutes, NodeHeartbeatReachesNodeAndRouter) {
   EXPECT_EQ(routers_.size(), 1u);
 }
 
-TEST(RouterRoutes, RoutersComeAndGoWithTheirRules) {
-  cluster::RouterRegistry routers;
-  api::RouteBook book;
-  addRouterRoutes(book, routers);
-  test::TestServer server(book);
-  test::JsonClient client(server);
-
+TEST_F(WorkerRoutes, RoutersComeAndGoWithTheirRules) {
   testing::internal::CaptureStdout();
-  const JsonReply added = client.post(
+  const JsonReply added = client_.post(
       "/api/v1/routers/add",
       {{"address", "10.0.0.9:8081"}, {"ai_mode", "advisory"}, {"decision_timeout_ms", 700}});
   EXPECT_EQ(added.json["success"], true);
   const std::string id = added.json["id"];
   const std::string path = "/api/v1/routers/" + id;
-  const JsonReply rules = client.post(path + "/rules", {{"rules", {{{"name", "r"}}}}});
+  const JsonReply rules = client_.post(path + "/rules", {{"rules", {{{"name", "r"}}}}});
   EXPECT_EQ(rules.body, R"({"rules_count":1,"success":true})");
-  EXPECT_EQ(client.post("/api/v1/routers/r2/heartbeat", {{"hostname", "h"}}).body,
+  EXPECT_EQ(client_.post("/api/v1/routers/r2/heartbeat", {{"hostname", "h"}}).body,
             R"({"router_id":"r2","success":true})");
-  client.post("/api/v1/routers/r2/heartbeat", json::object());
+  client_.post("/api/v1/routers/r2/heartbeat", json::object());
 
-  const JsonReply list = client.get("/api/v1/routers");
+  const JsonReply list = client_.get("/api/v1/routers");
   EXPECT_EQ(list.json["count"], 2);
   EXPECT_EQ(list.json["routers"][0]["status"], "healthy");
   EXPECT_EQ(list.json["routers"][0]["hostname"], "h");
   EXPECT_EQ(list.json["routers"][1]["ai_mode"], "advisory");
   EXPECT_EQ(list.json["routers"][1]["llm_model"], "llama3.2:1b");
-  const JsonReply kept = client.get(path + "/rules");
+  const JsonReply kept = client_.get(path + "/rules");
   EXPECT_EQ(kept.json["router_id"], id);
   EXPECT_THAT(std::string(kept.json["rules"][0]["id"]), testing::StartsWith("rule-"));
-  EXPECT_EQ(client.post("/api/v1/routers/remove", {{"id", id}}).body, R"({"success":true})");
+  EXPECT_EQ(client_.post("/api/v1/routers/remove", {{"id", id}}).body, R"({"success":true})");
   EXPECT_EQ(testing::internal::GetCapturedStdout(),
             "[Routers] Added router: 10.0.0.9:8081 with AI mode: advisory\n"
             "[Routers] Updated 1 rules for router: " +
@@ -230,17 +218,12 @@ TEST(RouterRoutes, RoutersComeAndGoWithTheirRules) {
                 id + "\n");
 }
 
-TEST(RouterRoutes, WhatCannotBeDoneIsRefused) {
-  cluster::RouterRegistry routers;
-  api::RouteBook book;
-  addRouterRoutes(book, routers);
-  test::TestServer server(book);
-  test::JsonClient client(server);
-  const auto refused = [&client](const std::string& path, const json& body) {
-    const JsonReply reply = client.post("/api/v1/routers/" + path, body);
+TEST_F(WorkerRoutes, WhatCannotBeDoneWithARouterIsRefused) {
+  const auto refused = [&](const std::string& path, const json& body) {
+    const JsonReply reply = client_.post("/api/v1/routers/" + path, body);
     return std::to_string(reply.status) + " " + reply.error();
   };
-  routers.heartbeat("r", json::object(), platform::WallTime{});
+  routers_.heartbeat("r", json::object(), platform::WallTime{});
   EXPECT_EQ(refused("add", json::object()), "400 address is required");
   EXPECT_EQ(refused("add", {{"address", "a"}, {"ai_mode", "full"}}),
             "400 Invalid mode. Use: none, advisory, or autonomous");
@@ -248,9 +231,9 @@ TEST(RouterRoutes, WhatCannotBeDoneIsRefused) {
   EXPECT_EQ(refused("remove", {{"id", "x"}}), "404 Router not found");
   EXPECT_EQ(refused("x/rules", {{"rules", json::array()}}), "404 Router not found");
   EXPECT_EQ(refused("r/rules", json::object()), "400 rules array is required");
-  EXPECT_EQ(client.get("/api/v1/routers/x/rules").error(), "Router not found");
+  EXPECT_EQ(client_.get("/api/v1/routers/x/rules").error(), "Router not found");
   for (const char* path : {"add", "remove", "r/rules", "r/heartbeat"}) {
-    EXPECT_EQ(client.postText(std::string("/api/v1/routers/") + path, "").error(),
+    EXPECT_EQ(client_.postText(std::string("/api/v1/routers/") + path, "").error(),
               "Invalid JSON body");
   }
 }

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "support/test_server.h"
 
@@ -15,8 +16,15 @@ struct JsonReply {
   int status = 0;
   std::string body;
   nlohmann::json json;
+  httplib::Headers headers;
 
   std::string error() const { return json.is_object() ? json.value("error", "") : ""; }
+  /// "status error" of a refusal.
+  std::string refusal() const { return std::to_string(status) + ' ' + error(); }
+  std::string header(const std::string& name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? "" : found->second;
+  }
 };
 
 /// Speaks JSON with a TestServer over one connection.
@@ -26,21 +34,29 @@ class JsonClient {
     client_.set_tcp_nodelay(true);  // head and body leave in two writes
   }
 
-  JsonReply get(const std::string& path) { return replyOf(client_.Get(path.c_str())); }
-  JsonReply del(const std::string& path) { return replyOf(client_.Delete(path.c_str())); }
+  JsonReply get(const std::string& path) { return send("GET", path); }
+  JsonReply del(const std::string& path) { return send("DELETE", path); }
   JsonReply post(const std::string& path, const nlohmann::json& body) {
-    return postText(path, body.dump());
+    return send("POST", path, body.dump());
   }
   JsonReply postText(const std::string& path, const std::string& body) {
-    return replyOf(client_.Post(path.c_str(), body, "application/json"));
+    return send("POST", path, body);
+  }
+  JsonReply send(const std::string& method, const std::string& path, const std::string& body = "",
+                 httplib::Headers headers = {}) {
+    httplib::Request request;
+    request.method = method;
+    request.path = path;
+    request.headers = std::move(headers);
+    request.body = body;
+    if (method != "GET") request.headers.emplace("Content-Type", "application/json");
+    const httplib::Result result = client_.send(request);
+    if (!result) throw std::runtime_error("no answer: " + httplib::to_string(result.error()));
+    return {result->status, result->body, nlohmann::json::parse(result->body, nullptr, false),
+            result->headers};
   }
 
  private:
-  static JsonReply replyOf(const httplib::Result& result) {
-    if (!result) throw std::runtime_error("no answer: " + httplib::to_string(result.error()));
-    return {result->status, result->body, nlohmann::json::parse(result->body, nullptr, false)};
-  }
-
   httplib::Client client_;
 };
 

@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <stdexcept>
-#include <string>
 
 #include "api/http_server.h"
 
@@ -23,6 +22,13 @@ class TestServer {
     setup(server_);
     if (!server_.start()) throw std::runtime_error("the test server does not start");
   }
+  /// A server with the routes that `offer` puts into a book.
+  explicit TestServer(const std::function<void(api::RouteBook&)>& offer)
+      : TestServer([&] {
+          api::RouteBook book;
+          offer(book);
+          return book;
+        }()) {}
   /// A server with the routes of one book.
   explicit TestServer(const api::RouteBook& book)
       : TestServer([&](api::HttpServer& server) { server.addRoutes(book); }) {}

@@ -11,16 +11,12 @@ namespace tavrel::dev_worker {
 namespace {
 
 using nlohmann::json;
+using platform::textMember;
 
 const json& member(const json& object, const char* key) {
   static const json kNothing;
   const auto found = object.is_object() ? object.find(key) : object.end();
   return object.is_object() && found != object.end() ? *found : kNothing;
-}
-
-std::string textMember(const json& object, const char* key) {
-  const json& value = member(object, key);
-  return value.is_string() ? value.get<std::string>() : std::string();
 }
 
 bool isTrue(const json& object, const char* key) {

@@ -26,8 +26,7 @@ constexpr net::Timeouts kDownloadTimeouts{seconds(5), seconds(1800)};
 
 std::string textIn(const Request& request, const char* key) {
   const auto& body = request.json();
-  const bool is_text = body && body->is_object() && body->contains(key) && (*body)[key].is_string();
-  return is_text ? (*body)[key].get<std::string>() : "";
+  return body ? platform::textMember(*body, key) : "";
 }
 
 std::int32_t numberIn(const Request& request, const char* key) {

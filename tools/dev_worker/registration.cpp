@@ -3,7 +3,6 @@
 #include <sys/utsname.h>
 
 #include <chrono>
-#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "controller/routes/route_input.h"
 #include "platform/json_fields.h"
@@ -54,10 +53,6 @@ std::optional<Response> refusedBody(const api::Request& request,
 
 bool isTooShort(const std::string& password) {
   return platform::firstCharacters(password, kLeastPasswordCharacters - 1) == password;
-}
-
-bool isOneLine(const std::string& text) {
-  return platform::singleLine(text) == text;
 }
 
 std::string textOr(const json& object, const char* name, std::string fallback) {

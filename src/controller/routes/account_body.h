@@ -55,9 +55,7 @@ inline api::Response passwordTooShort() {
   return api::Response::error(400, "Password must be at least 8 characters");
 }
 
-/// Whether a text has no control characters: an address goes into the headers of mails.
-bool isOneLine(const std::string& text);
-
+/// For an address with control characters: it goes into the headers of mails.
 inline api::Response invalidEmail() {
   return api::Response::error(400, "Invalid email address");
 }

@@ -1,6 +1,5 @@
 #include <nlohmann/json.hpp>
 #include <string>
-#include <string_view>
 #include <utility>
 #include <variant>
 
@@ -10,6 +9,7 @@
 #include "controller/routes/account_pages.h"
 #include "controller/routes/families.h"
 #include "identity/account_service.h"
+#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -97,7 +97,7 @@ std::optional<Response> checkForm(RegistrationForm& form, const std::string& typ
   if (form.kind != Kind::kUser && form.org_name.empty()) {
     return Response::error(400, "org_name is required for organization registration");
   }
-  if (!isOneLine(form.email)) return invalidEmail();
+  if (platform::hasControls(form.email)) return invalidEmail();
   for (const auto& [name, text] :
        {std::pair("email", &form.email), std::pair("password", &form.password),
         std::pair("name", &form.name), std::pair("org_name", &form.org_name),

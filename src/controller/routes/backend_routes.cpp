@@ -7,6 +7,7 @@
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/clock.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::controller {
 namespace {
@@ -25,11 +26,7 @@ struct BackendRoutes {
   config::BackendProfileManager& profiles;
   net::HttpClient& http;
 
-  Response list() const {
-    json array = listed(profiles.getAllProfiles(), false);
-    const std::size_t count = array.size();
-    return Response::ok({{"profiles", std::move(array)}, {"count", count}});
-  }
+  Response list() const { return counted("profiles", listed(profiles.getAllProfiles(), false)); }
 
   Response show(const Request& req) const {
     const std::string id = req.getPathParam("profile_id");
@@ -95,12 +92,8 @@ struct BackendRoutes {
   }
 
   Response detect() const {
-    json array = json::array();
-    for (const auto& backend : config::detectLocalBackends(http, config::localBackendProbes())) {
-      array.push_back(backend.toJson());
-    }
-    const std::size_t count = array.size();
-    return Response::ok({{"backends", std::move(array)}, {"count", count}});
+    return counted("backends", platform::jsonArray(config::detectLocalBackends(
+                                   http, config::localBackendProbes())));
   }
 
  private:

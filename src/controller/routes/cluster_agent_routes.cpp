@@ -51,9 +51,7 @@ struct AgentRoutes {
 
   Response list() const {
     if (agents == nullptr) return notInitialized();
-    json list = json::array();
-    for (const cluster::RemoteAgent& agent : agents->getAllAgents()) list.push_back(agent.toJson());
-    return Response::ok(list);
+    return Response::ok(platform::jsonArray(agents->getAllAgents()));
   }
 
   Response registerAgent(const Request& req) const {

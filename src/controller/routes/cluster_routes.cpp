@@ -69,10 +69,8 @@ struct GossipRoutes {
   }
 
   Response peers() const {
-    json peers = json::array();
-    if (gossip == nullptr) return Response::ok({{"peers", std::move(peers)}});
-    for (const cluster::PeerController& peer : gossip->getPeers()) peers.push_back(peer.toJson());
-    return Response::ok({{"peers", std::move(peers)},
+    if (gossip == nullptr) return Response::ok({{"peers", json::array()}});
+    return Response::ok({{"peers", platform::jsonArray(gossip->getPeers())},
                          {"peer_count", gossip->getPeerCount()},
                          {"alive_peers", gossip->getAlivePeerCount()}});
   }

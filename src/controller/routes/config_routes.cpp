@@ -1,5 +1,4 @@
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "api/route_book.h"
 #include "config/node_config.h"
@@ -34,11 +33,7 @@ struct ConfigRoutes {
     return response ? Response::ok(response->toJson()) : unknown(node);
   }
 
-  Response list() const {
-    json array = configs.list();
-    const std::size_t count = array.size();
-    return Response::ok({{"configs", std::move(array)}, {"count", count}});
-  }
+  Response list() const { return counted("configs", configs.list()); }
 
   Response remove(const Request& req) const {
     const std::string node = req.getPathParam("node_id");

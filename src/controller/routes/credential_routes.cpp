@@ -1,6 +1,5 @@
 #include <nlohmann/json.hpp>
 #include <utility>
-#include <vector>
 
 #include "api/route_book.h"
 #include "controller/routes/account_body.h"
@@ -32,15 +31,11 @@ struct CredentialRoutes {
   identity::UserStore& store() const { return *access.store; }
 
   Response list(const Session& session) const {
-    json credentials = json::array();
-    for (const Credential& own : store().listCredentials("user", session.user_id)) {
-      credentials.push_back(own.toJson());
-    }
+    json credentials = platform::jsonArray(store().listCredentials("user", session.user_id));
     for (const Credential& shared : store().listSharedCredentials(session.org_id)) {
       credentials.push_back(shared.toJson());
     }
-    const std::size_t count = credentials.size();
-    return Response::ok({{"credentials", std::move(credentials)}, {"count", count}});
+    return counted("credentials", std::move(credentials));
   }
 
   Response create(const Session& session, const Request& request) const {
@@ -88,11 +83,7 @@ struct CredentialRoutes {
   Response quotas(const Session& session, const Context& context, const Request& request) const {
     const std::string user_id = request.getPathParam("uid");
     if (user_id != session.user_id && !access.isAdmin(context, request)) return accessDenied();
-    json rows = json::array();
-    for (const ResourceQuota& quota : store().getQuotas("user", user_id)) {
-      rows.push_back(quota.toJson());
-    }
-    return Response::ok({{"quotas", std::move(rows)}});
+    return Response::ok({{"quotas", platform::jsonArray(store().getQuotas("user", user_id))}});
   }
 
   Response setQuota(const Request& request) const {

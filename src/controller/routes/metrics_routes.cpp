@@ -6,6 +6,7 @@
 #include "metrics/metrics_collector.h"
 #include "metrics/metrics_history.h"
 #include "platform/clock.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::controller {
 namespace {
@@ -20,11 +21,9 @@ constexpr std::int32_t kDefaultDurationMinutes = 60;
 template <class Point>
 json historyJson(std::int32_t duration_minutes, std::int32_t resolution_seconds,
                  const std::vector<Point>& points) {
-  json list = json::array();
-  for (const Point& point : points) list.push_back(point.toJson());
   return {{"duration_minutes", duration_minutes},
           {"resolution_seconds", resolution_seconds},
-          {"data_points", std::move(list)},
+          {"data_points", platform::jsonArray(points)},
           {"count", points.size()}};
 }
 

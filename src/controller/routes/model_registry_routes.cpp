@@ -1,4 +1,3 @@
-#include <functional>
 
 #include "api/route_book.h"
 #include "controller/routes/families.h"

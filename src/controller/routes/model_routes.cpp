@@ -10,6 +10,7 @@
 #include "models/ollama_client.h"
 #include "models/pull_jobs.h"
 #include "models/target_workers.h"
+#include "platform/json_fields.h"
 #include "worker/worker_url.h"
 
 namespace tavrel::controller {
@@ -47,12 +48,7 @@ struct ModelRoutes {
           "Pull started in background. Check status at /api/v1/models/pull-jobs/" + job.job_id}});
   }
 
-  Response listJobs() const {
-    json list = json::array();
-    for (const models::PullJob& job : jobs.all()) list.push_back(job.toJson());
-    const std::size_t count = list.size();
-    return Response::ok({{"jobs", std::move(list)}, {"count", count}});
-  }
+  Response listJobs() const { return counted("jobs", platform::jsonArray(jobs.all())); }
 
   Response showJob(const Request& req) const {
     const std::string id = req.getPathParam("job_id");

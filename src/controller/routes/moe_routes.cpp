@@ -1,5 +1,4 @@
 #include <nlohmann/json.hpp>
-#include <utility>
 
 #include "ai/moe_router.h"
 #include "api/route_book.h"

@@ -57,12 +57,7 @@ struct OrganizationRoutes {
   identity::UserStore& store() const { return *access.store; }
 
   Response list() const {
-    json organizations = json::array();
-    for (const Organization& one : store().listOrganizations()) {
-      organizations.push_back(one.toJson());
-    }
-    const std::size_t count = organizations.size();
-    return Response::ok({{"organizations", std::move(organizations)}, {"count", count}});
+    return counted("organizations", platform::jsonArray(store().listOrganizations()));
   }
 
   Response create(const Request& request) const {
@@ -173,8 +168,7 @@ struct OrganizationRoutes {
 
   Response members(const Request& request) const {
     const std::string org_id = request.getPathParam("id");
-    json users = json::array();
-    for (const User& user : membersOf(org_id)) users.push_back(user.toJson());
+    json users = platform::jsonArray(membersOf(org_id));
     const std::size_t count = users.size();
     return Response::ok({{"users", std::move(users)},
                          {"count", count},
@@ -230,11 +224,7 @@ struct OrganizationRoutes {
   }
 
   json quotas(const char* target_type, const std::string& target_id) const {
-    json rows = json::array();
-    for (const auto& quota : store().getQuotas(target_type, target_id)) {
-      rows.push_back(quota.toJson());
-    }
-    return rows;
+    return platform::jsonArray(store().getQuotas(target_type, target_id));
   }
 };
 

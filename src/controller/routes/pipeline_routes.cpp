@@ -44,16 +44,10 @@ struct PipelineRoutes {
                       {"total_layers", config.total_layers},
                       {"size", config.model_size_bytes}});
     }
-    const std::size_t count = list.size();
-    return Response::ok({{"models", std::move(list)}, {"count", count}});
+    return counted("models", std::move(list));
   }
 
-  Response status() const {
-    json list = json::array();
-    for (const PipelineConfig& config : pipelines.all()) list.push_back(config.toJson());
-    const std::size_t count = list.size();
-    return Response::ok({{"pipelines", std::move(list)}, {"count", count}});
-  }
+  Response status() const { return counted("pipelines", platform::jsonArray(pipelines.all())); }
 
   Response show(const Request& req) const {
     const std::string id = req.getPathParam("pipeline_id");

@@ -1,9 +1,12 @@
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "api/request.h"
 #include "api/response.h"
@@ -14,6 +17,12 @@ namespace tavrel::controller {
 
 inline api::Response invalidJsonBody() {
   return api::Response::error(400, "Invalid JSON body");
+}
+
+/// A list under its name, and how long it is.
+inline api::Response counted(const char* name, nlohmann::json list) {
+  const std::size_t count = list.size();
+  return api::Response::ok({{name, std::move(list)}, {"count", count}});
 }
 
 /// Whether a record may be stored under an id out of a path. Bytes that are not UTF-8 could never

@@ -19,12 +19,7 @@ using platform::printLine;
 struct RouterRoutes {
   cluster::RouterRegistry& routers;
 
-  Response list() const {
-    json records = json::array();
-    for (const cluster::RouterInfo& router : routers.all()) records.push_back(router.toJson());
-    const std::size_t count = records.size();
-    return Response::ok({{"routers", std::move(records)}, {"count", count}});
-  }
+  Response list() const { return counted("routers", platform::jsonArray(routers.all())); }
 
   Response add(const Request& req) const {
     if (!req.json()) return invalidJsonBody();
@@ -59,9 +54,7 @@ struct RouterRoutes {
   Response rules(const Request& req) const {
     const auto router = routers.find(req.getPathParam("id"));
     if (!router) return notFound();
-    json rules = json::array();
-    for (const cluster::RouterRule& rule : router->rules) rules.push_back(rule.toJson());
-    return Response::ok({{"router_id", router->id}, {"rules", std::move(rules)}});
+    return Response::ok({{"router_id", router->id}, {"rules", platform::jsonArray(router->rules)}});
   }
 
   Response setRules(const Request& req) const {

@@ -53,12 +53,7 @@ struct RoutingRuleRoutes {
   cluster::RoutingRules& rules;
   const ai::LazyThemeDetector& detector;
 
-  Response list() const {
-    json array = json::array();
-    for (const cluster::RoutingRule& rule : rules.all()) array.push_back(rule.toJson());
-    const std::size_t count = array.size();
-    return Response::ok({{"rules", std::move(array)}, {"count", count}});
-  }
+  Response list() const { return counted("rules", platform::jsonArray(rules.all())); }
 
   Response add(const Request& req) const {
     if (!req.json()) return invalidJsonBody();

@@ -1,5 +1,3 @@
-#include <array>
-#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -8,6 +6,7 @@
 #include "cluster/router_registry.h"
 #include "controller/controller_identity.h"
 #include "controller/routes/families.h"
+#include "controller/routes/route_input.h"
 #include "controller/version.h"
 #include "platform/files.h"
 #include "platform/text.h"
@@ -163,8 +162,7 @@ struct StatusRoutes {
         list.push_back(component(*worker, kind, now));
       }
     }
-    const std::size_t count = list.size();
-    return Response::ok({{"components", std::move(list)}, {"count", count}});
+    return counted("components", std::move(list));
   }
 };
 

@@ -8,6 +8,7 @@
 #include "controller/routes/account_body.h"
 #include "controller/routes/families.h"
 #include "controller/routes/relay.h"
+#include "controller/routes/route_input.h"
 #include "net/worker_client.h"
 #include "platform/clock.h"
 #include "platform/json_fields.h"
@@ -74,8 +75,7 @@ struct TenantRoutes {
         tenants.push_back(std::move(tenant));
       }
     }
-    const std::size_t count = tenants.size();
-    return Response::ok({{"tenants", std::move(tenants)}, {"count", count}});
+    return counted("tenants", std::move(tenants));
   }
 
   Response create(const Request& request) const {

@@ -7,6 +7,7 @@
 #include "api/route_book.h"
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::controller {
 namespace {
@@ -21,8 +22,7 @@ struct ThemeRoutes {
 
   Response list() const {
     const auto themes = detector.getOrCreate();
-    json array = json::array();
-    for (const ai::ThemeConfig& theme : themes->getThemes()) array.push_back(theme.toJson());
+    json array = platform::jsonArray(themes->getThemes());
     const std::size_t count = array.size();
     return Response::ok(
         {{"themes", std::move(array)}, {"count", count}, {"stats", themes->getStats()}});

@@ -78,8 +78,7 @@ struct TypedWorkerRoutes {
     const platform::WallTime now = platform::wallNow();
     json records = json::array();
     for (const auto& info : registry.snapshot()) records.push_back(info->toJson(now));
-    const std::size_t count = records.size();
-    return Response::ok({{kind.list_key, std::move(records)}, {"count", count}});
+    return counted(kind.list_key, std::move(records));
   }
 
   Response get(const Request& req) const {

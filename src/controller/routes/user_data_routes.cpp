@@ -7,6 +7,7 @@
 #include "controller/routes/account_body.h"
 #include "controller/routes/account_guards.h"
 #include "controller/routes/families.h"
+#include "controller/routes/route_input.h"
 #include "identity/crypto.h"
 #include "platform/json_fields.h"
 
@@ -68,11 +69,9 @@ struct UserDataRoutes {
   identity::UserStore* store;
 
   Response settings(const Session& session, const Request& request) const {
-    json entries = json::array();
-    for (const auto& entry : store->getSettings(scopeOf(session), request.getQuery("category"))) {
-      entries.push_back(entry.toJson());
-    }
-    return Response::ok({{"scope", scopeOf(session)}, {"settings", std::move(entries)}});
+    return Response::ok({{"scope", scopeOf(session)},
+                         {"settings", platform::jsonArray(store->getSettings(
+                                          scopeOf(session), request.getQuery("category")))}});
   }
 
   Response saveSettings(const Session& session, const Request& request) const {
@@ -93,12 +92,8 @@ struct UserDataRoutes {
   }
 
   Response conversations(const Session& session) const {
-    json listed = json::array();
-    for (const auto& one : store->listConversations(session.user_id, false)) {
-      listed.push_back(one.toJson());
-    }
-    const std::size_t count = listed.size();
-    return Response::ok({{"conversations", std::move(listed)}, {"count", count}});
+    return counted("conversations",
+                   platform::jsonArray(store->listConversations(session.user_id, false)));
   }
 
   Response create(const Session& session, const Request& request) const {

@@ -1,7 +1,6 @@
 #include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
-#include <vector>
 
 #include "api/auth_middleware.h"
 #include "api/route_book.h"
@@ -9,9 +8,11 @@
 #include "controller/routes/account_guards.h"
 #include "controller/routes/families.h"
 #include "controller/routes/key_prefix.h"
+#include "controller/routes/route_input.h"
 #include "identity/crypto.h"
 #include "identity/new_organization.h"
 #include "platform/json_fields.h"
+#include "platform/text.h"
 
 namespace tavrel::controller {
 namespace {
@@ -29,13 +30,6 @@ constexpr const char* kApprover = "admin";
 
 Response userNotFound() {
   return Response::error(404, "User not found");
-}
-
-template <class Record>
-json listed(const std::vector<Record>& records) {
-  json array = json::array();
-  for (const Record& record : records) array.push_back(record.toJson());
-  return array;
 }
 
 void setPassword(User& user, const std::string& password) {
@@ -79,7 +73,7 @@ struct NewAccount {
     if (withOrganization() && org_name.empty()) {
       return Response::error(400, "org_name is required for organization registration");
     }
-    if (!isOneLine(email)) return invalidEmail();
+    if (platform::hasControls(email)) return invalidEmail();
     return std::nullopt;
   }
 
@@ -116,8 +110,7 @@ struct UserRoutes {
       object["org_name"] = name == names.end() ? "" : name->second;
       users.push_back(std::move(object));
     }
-    const std::size_t count = users.size();
-    return Response::ok({{"users", std::move(users)}, {"count", count}});
+    return counted("users", std::move(users));
   }
 
   Response create(const Context& context, const Request& request) const {
@@ -188,9 +181,7 @@ struct UserRoutes {
   }
 
   Response pending() const {
-    json users = listed(store().listPendingApprovals());
-    const std::size_t count = users.size();
-    return Response::ok({{"pending", std::move(users)}, {"count", count}});
+    return counted("pending", platform::jsonArray(store().listPendingApprovals()));
   }
 
   Response approve(const Request& request) const {
@@ -204,9 +195,9 @@ struct UserRoutes {
   }
 
   Response dashboard() const {
-    json users = listed(store().listUsers());
-    json organizations = listed(store().listOrganizations());
-    json waiting = listed(store().listPendingApprovals());
+    json users = platform::jsonArray(store().listUsers());
+    json organizations = platform::jsonArray(store().listOrganizations());
+    json waiting = platform::jsonArray(store().listPendingApprovals());
     json answer = {{"total_users", users.size()},
                    {"total_orgs", organizations.size()},
                    {"pending_approvals", waiting.size()}};
@@ -233,8 +224,7 @@ struct UserRoutes {
                       {"roles", key.roles},
                       {"key_prefix", keyPrefix(key.key)}});
     }
-    const std::size_t count = keys.size();
-    return Response::ok({{"users", std::move(keys)}, {"count", count}});
+    return counted("users", std::move(keys));
   }
 
   bool canBeJoined(const std::string& org_id) const {

@@ -33,8 +33,7 @@ struct WorkerPoolRoutes {
 
   Response tasks() const {
     if (pool == nullptr) return notInitialized();
-    json tasks = json::array();
-    for (const auto& task : pool->getPendingTasks()) tasks.push_back(task.toJson());
+    json tasks = platform::jsonArray(pool->getPendingTasks());
     for (const auto& task : pool->getRunningTasks()) tasks.push_back(task.toJson());
     return Response::ok({{"tasks", std::move(tasks)}});
   }

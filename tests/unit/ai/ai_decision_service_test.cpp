@@ -93,12 +93,5 @@ TEST(AIDecisionService, WithoutAModelTheFirstOfTheLeastLoadedIsChosen) {
   EXPECT_EQ(decision.reasoning, "LLM unavailable, selected least loaded worker");
 }
 
-TEST(AIDecisionService, FullWorkersAreNoCandidates) {
-  net::HttpClient http;
-  const AIDecision decision = AIDecisionService(http).selectWorker("chat", {loaded("full", 0.95)});
-  EXPECT_EQ(decision.target_id, "");
-  EXPECT_EQ(decision.reasoning, "No available workers");
-}
-
 }  // namespace
 }  // namespace tavrel::ai

@@ -11,13 +11,11 @@
 #include "ai/keyword_finder.h"
 #include "platform/files.h"
 #include "platform/text.h"
-#include "support/mock_peer.h"
 
 namespace tavrel::ai {
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::HasSubstr;
 
 struct Detector {
   net::HttpClient http;
@@ -136,19 +134,6 @@ TEST(ThemeDetector, ThemesChangeWhileTextsAreSorted) {
   }
   changing.join();
   EXPECT_EQ(detector.themes.getStats()["total_detections"], 300);
-}
-
-TEST(ThemeDetector, AsksTheModelWhenKeywordsSayLittle) {
-  test::MockPeer peer(test::MockPeer::answering(
-      test::httpAnswer(200, R"({"response":"THEME: Legal \nCONFIDENCE: 0.8"})")));
-  Detector detector;
-  detector.themes.initialize(peer.url(""), "small", 5000);
-  const ThemeResult asked = detector.themes.detectTheme("a poem", true);
-  EXPECT_EQ(asked.theme, "legal");
-  EXPECT_EQ(asked.method, "llm");
-  EXPECT_FLOAT_EQ(asked.confidence, 0.8F);
-  EXPECT_THAT(peer.requests().at(0), HasSubstr(R"(\"\"\"a poem\"\"\")"));
-  EXPECT_EQ(detector.themes.getStats()["total_detections"], 1);
 }
 
 TEST(ThemeDetector, ADetectionThatAskedInVainCountsTwice) {

@@ -3,41 +3,22 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <condition_variable>
-#include <mutex>
 #include <set>
 #include <stdexcept>
 #include <thread>
 
 #include "platform/blocking.h"
+#include "support/mock_peer.h"
 #include "support/raw_client.h"
 #include "support/test_server.h"
 
 namespace tavrel::api {
 namespace {
 
+using test::Gate;
 using test::RawClient;
 using test::TestServer;
 using namespace std::chrono_literals;
-
-/// Lets handlers wait until the test opens it.
-class Gate {
- public:
-  void open() {
-    const std::lock_guard lock(mutex_);
-    open_ = true;
-    changed_.notify_all();
-  }
-  void pass() {
-    std::unique_lock lock(mutex_);
-    changed_.wait(lock, [this] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  bool open_ = false;
-};
 
 Response echo(Context& context, const Request& request) {
   nlohmann::json seen = {{"method", request.method},
@@ -303,7 +284,7 @@ TEST(HttpServer, AStreamReachesTheClientPieceByPieceAndNoticesItsLeaving) {
   const TestServer server([&](HttpServer& s) {
     s.getStream("/stream", [&](Context& context, const Request&, StreamWriter& writer) {
       writer.write("data: one\n\n");
-      gate.pass();
+      gate.waitUntilOpen();
       writer.write("data: two\n\n");
       while (!context.client->gone() && writer.write("data: more\n\n"))
         std::this_thread::sleep_for(5ms);
@@ -361,12 +342,12 @@ TEST(HttpServer, BlockedHandlersDoNotKeepOthersWaiting) {
     s.get("/announced", [&](Context&, const Request&) {
       const platform::BlockingScope blocking;
       ++waiting;
-      gate.pass();
+      gate.waitUntilOpen();
       return Response::ok({});
     });
     s.get("/unannounced", [&](Context&, const Request&) {
       ++waiting;
-      gate.pass();
+      gate.waitUntilOpen();
       return Response::ok({});
     });
   });

@@ -19,18 +19,6 @@ ChatInput chat(const std::string& text) {
   return input.value_or(ChatInput{});
 }
 
-std::vector<json> eventsOf(const std::string& stream) {
-  std::vector<json> events;
-  std::size_t at = 0;
-  for (std::size_t end = stream.find("\n\n"); end != std::string::npos;
-       at = end + 2, end = stream.find("\n\n", at)) {
-    EXPECT_EQ(stream.substr(at, 6), "data: ");
-    events.push_back(json::parse(stream.substr(at + 6, end - at - 6)));
-  }
-  EXPECT_EQ(at, stream.size());
-  return events;
-}
-
 TEST(ChatInput, EchoesTheLastUserMessageWhateverItsForm) {
   EXPECT_EQ(chat(R"({"messages":[{"role":"user","content":"a"},{"role":"user","content":"b c"},
                      {"role":"assistant","content":"d"}]})")
@@ -123,27 +111,6 @@ TEST(Wire, PlainAnswersCarryTextOrToolCallAndUsage) {
       json::parse(replyBody(ReplyKind::kChat, id, replyTail(ReplyKind::kChat, "m", answer, 3)));
   EXPECT_EQ(call["choices"][0]["message"]["tool_calls"][0]["function"]["name"], "f");
   EXPECT_TRUE(call["choices"][0]["message"]["content"].is_null());
-}
-
-TEST(Wire, EventsPutTogetherGiveTheAnswer) {
-  const ReplyEvents events(ReplyKind::kChat, {"chatcmpl-2", 6}, "m");
-  const auto parsed = eventsOf(events.opening() + events.token("a\n") + events.token(" b") +
-                               events.finish("stop") + events.usage(1, 2));
-  ASSERT_EQ(parsed.size(), 5U);
-  EXPECT_EQ(parsed[0]["choices"][0]["delta"]["role"], "assistant");
-  EXPECT_EQ(parsed[1]["choices"][0]["delta"]["content"], "a\n");
-  EXPECT_EQ(parsed[3]["choices"][0]["finish_reason"], "stop");
-  EXPECT_EQ(parsed[4]["usage"]["total_tokens"], 3);
-  EXPECT_TRUE(parsed[4]["choices"].empty());
-
-  const auto call = eventsOf(events.toolCall({"f", R"({"x":1})"}));
-  ASSERT_EQ(call.size(), 2U);
-  EXPECT_EQ(call[0]["choices"][0]["delta"]["tool_calls"][0]["function"]["name"], "f");
-  EXPECT_EQ(call[1]["choices"][0]["delta"]["tool_calls"][0]["function"]["arguments"], R"({"x":1})");
-
-  const ReplyEvents legacy(ReplyKind::kCompletion, {"cmpl-3", 6}, "m");
-  EXPECT_EQ(legacy.opening(), "");
-  EXPECT_EQ(eventsOf(legacy.token("t"))[0]["choices"][0]["text"], "t");
 }
 
 TEST(Wire, EmbeddingsComeAsNumbersOrAsBase64OfTheSameFloats) {

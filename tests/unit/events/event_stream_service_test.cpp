@@ -43,17 +43,6 @@ std::vector<std::string> take(const EventSubscription& subscription) {
   return ids;
 }
 
-TEST(EventStreamService, KeepsTheNewestRecordsOldestFirst) {
-  EventStreamService service;
-  for (int i = 0; i <= 500; ++i) service.publishEvent(eventOf(std::to_string(i)));
-  const auto all = service.getRecentEvents(1000);
-  ASSERT_EQ(all.size(), 500u);
-  EXPECT_EQ(all.front()->id, "1");
-  EXPECT_EQ(all.back()->id, "500");
-  EXPECT_THAT(idsOf(service.getRecentEvents(2)), ElementsAre("499", "500"));
-  EXPECT_TRUE(service.getRecentEvents(0).empty());
-}
-
 TEST(EventStreamService, HugeRecordsDoNotFillTheMemory) {
   EventStreamService service;
   Event huge = eventOf("first");
@@ -62,18 +51,6 @@ TEST(EventStreamService, HugeRecordsDoNotFillTheMemory) {
   huge.id = "second";
   service.publishEvent(huge);
   EXPECT_THAT(idsOf(service.getRecentEvents(10)), ElementsAre("second"));
-}
-
-TEST(EventStreamService, SelectsLogEntriesByExactLevelOrSource) {
-  EventStreamService service;
-  service.publishLog(logOf("1", "info", "a"));
-  service.publishLog(logOf("2", "error", "a"));
-  service.publishLog(logOf("3", "info", "b"));
-  service.publishLog(logOf("4", "info", "a"));
-  EXPECT_THAT(idsOf(service.getLogsByLevel("info", 2)), ElementsAre("3", "4"));
-  EXPECT_THAT(idsOf(service.getLogsBySource("a", 9)), ElementsAre("1", "2", "4"));
-  EXPECT_TRUE(service.getLogsByLevel("INFO", 9).empty());
-  EXPECT_THAT(idsOf(service.getRecentLogs(1)), ElementsAre("4"));
 }
 
 TEST(EventStreamService, ReportsAThrowingCallbackAndCallsTheOthers) {
@@ -128,34 +105,21 @@ TEST(EventStreamService, HelpersDescribeWhatHappened) {
   service.swarmStarted("s1", json::object());
   service.swarmFailed("s1", "out of memory", {{"mode", "x"}});
   service.swarmStatusUpdate("s1", "paused", nullptr);
-  struct Expected {
-    const char* type;
-    const char* source_type;
-    const char* message;
-    json data;
-  };
-  const Expected expected[] = {
-      {"worker_online", "worker", "Worker w1 came online", {{"ip", "10.0.0.1"}}},
-      {"training_worker_offline", "training_worker", "Training worker t1 went offline",
-       json::object()},
-      {"swarm_started", "swarm", "Swarm s1 started executing", json::object()},
-      {"swarm_failed",
-       "swarm",
-       "Swarm s1 failed: out of memory",
-       {{"error", "out of memory"}, {"mode", "x"}}},
-      {"log", "swarm", "Swarm s1 status changed to paused", {{"new_status", "paused"}}}};
-  const auto events = service.getRecentEvents(10);
-  ASSERT_EQ(events.size(), std::size(expected));
-  for (std::size_t i = 0; i < events.size(); ++i) {
-    const json event = events[i]->toJson();
-    EXPECT_EQ(event["type"], expected[i].type);
-    EXPECT_EQ(event["source_type"], expected[i].source_type);
-    EXPECT_EQ(event["message"], expected[i].message);
-    EXPECT_EQ(event["data"], expected[i].data);
-    EXPECT_EQ(events[i]->source, events[i]->message.find("w1") != std::string::npos   ? "w1"
-                                 : events[i]->message.find("t1") != std::string::npos ? "t1"
-                                                                                      : "s1");
+  std::vector<std::string> seen;
+  for (const auto& event : service.getRecentEvents(10)) {
+    const json sent = event->toJson();
+    std::string line = event->source + ": " + event->message + ' ' + sent["data"].dump();
+    for (const char* key : {"type", "source_type"}) line += ' ' + sent[key].get<std::string>();
+    seen.push_back(std::move(line));
   }
+  EXPECT_THAT(
+      seen,
+      ElementsAre("w1: Worker w1 came online {\"ip\":\"10.0.0.1\"} worker_online worker",
+                  "t1: Training worker t1 went offline {} training_worker_offline training_worker",
+                  "s1: Swarm s1 started executing {} swarm_started swarm",
+                  "s1: Swarm s1 failed: out of memory {\"error\":\"out of memory\",\"mode\":\"x\"} "
+                  "swarm_failed swarm",
+                  "s1: Swarm s1 status changed to paused {\"new_status\":\"paused\"} log swarm"));
 
   service.logWarning("node", "worker", "hot", {{"celsius", 90}});
   const LogEntry& entry = *service.getRecentLogs(1).front();
@@ -188,24 +152,6 @@ TEST(EventStreamService, AReaderGetsTheRecentPastAndThenEverythingOnce) {
   EXPECT_TRUE(take(subscription).empty());
 }
 
-TEST(EventStreamService, AReaderOfNothingGetsHeartbeatsWhichAreNeitherKeptNorCounted) {
-  EventStreamService service;
-  service.publishEvent(eventOf("1"));
-  const EventSubscription subscription =
-      service.openReader(EventFilter{.events = false, .logs = false});
-  json heartbeat;
-  service.subscribe([&](const Event& event) { heartbeat = event.toJson(); });
-  service.sendHeartbeat();
-  service.publishLog(logOf("2", "info", "a"));
-
-  EXPECT_THAT(take(subscription), ElementsAre("heartbeat"));
-  EXPECT_EQ(heartbeat["message"], "Heartbeat");
-  EXPECT_EQ(heartbeat["source"], "controller");
-  EXPECT_EQ(heartbeat["data"]["event_subscribers"], 1);
-  EXPECT_EQ(service.getStats()["total_events_published"], 1);
-  EXPECT_THAT(idsOf(service.getRecentEvents(10)), ElementsAre("1"));
-}
-
 TEST(EventStreamService, StatsCountCallbacksAndReadersWhileTheyLast) {
   EventStreamService service;
   service.initialize(7, 5);
@@ -217,15 +163,10 @@ TEST(EventStreamService, StatsCountCallbacksAndReadersWhileTheyLast) {
     EXPECT_EQ(service.getStats()["log_subscribers"], 2);
   }
   service.publishLog(logOf("1", "info", "a"));
-  EXPECT_EQ(service.getStats(), (json{{"running", false},
-                                      {"total_events_published", 0},
-                                      {"total_logs_published", 1},
-                                      {"event_history_size", 0},
-                                      {"log_history_size", 1},
-                                      {"max_event_history", 5},
-                                      {"max_log_history", 7},
-                                      {"event_subscribers", 1},
-                                      {"log_subscribers", 0}}));
+  EXPECT_EQ(service.getStats(), json::parse(R"({"running": false, "total_events_published": 0,
+      "total_logs_published": 1, "event_history_size": 0, "log_history_size": 1,
+      "max_event_history": 5, "max_log_history": 7, "event_subscribers": 1,
+      "log_subscribers": 0})"));
 }
 
 TEST(EventStreamService, StartAndStopPrintTheirLinesAndStopEndsReaders) {

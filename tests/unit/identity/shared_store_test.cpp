@@ -19,18 +19,6 @@ void onThreads(Work work) {
 
 using SharedStore = UserStoreTest;
 
-TEST_F(SharedStore, OneOfManyIsTheFirstUser) {
-  ASSERT_TRUE(store_->setSetting("first_time_setup", "true"));
-  std::atomic<int> created = 0;
-  onThreads([&](int i) {
-    const auto name = "u" + std::to_string(i);
-    if (store_->createFirstUser(userNamed(name), name) == FirstUser::kCreated) ++created;
-  });
-  EXPECT_EQ(created, 1);
-  ASSERT_EQ(store_->listUsers().size(), 1U);
-  EXPECT_EQ(store_->getSetting("cluster_domain", ""), store_->listUsers()[0].name);
-}
-
 TEST_F(SharedStore, LosesNoChangeAndUsesATokenOnce) {
   constexpr int kRounds = 20;
   User user = userNamed("ada");

@@ -8,7 +8,6 @@
 #include <functional>
 #include <random>
 #include <thread>
-#include <vector>
 
 #include "old_database.h"
 #include "store/database.h"

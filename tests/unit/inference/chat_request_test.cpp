@@ -9,14 +9,6 @@ namespace {
 
 using nlohmann::json;
 
-TEST(ChatRequest, MissingMembersTakeTheirDefaults) {
-  const json body = json::parse(R"({"messages":[{"role":"user","content":"hi"}],"stream":true})");
-  const ChatRequest request = ChatRequest::read(body);
-  EXPECT_EQ(request.workerBody(false),
-            R"({"max_tokens":2048,"messages":[{"content":"hi","role":"user"}],)"
-            R"("model":"llama3.1:8b","stream":false,"temperature":0.7,"top_p":0.9})");
-}
-
 TEST(ChatRequest, WhatTheClientSaysGoesOnAsItIs) {
   json body = json::parse(R"({"messages":[{"role":"user","content":"\u00fc\"\n"}],
       "model":"m\"\u00e9","temperature":0,"max_tokens":16,"top_p":0.25,"user":"secret",
@@ -41,19 +33,6 @@ TEST(ChatRequest, NullCountsAsMissingAndWrongTypesAreRaised) {
             R"("temperature":0.7,"top_p":0.9})");
   for (const char* wrong : {R"({"messages":[1],"model":7})", R"({"messages":[1],"top_p":"x"})"}) {
     EXPECT_THROW(ChatRequest::read(json::parse(wrong)), json::type_error) << wrong;
-  }
-}
-
-TEST(ChatRequest, ASystemMessageGoesFirst) {
-  ChatRequest request = ChatRequest::read(json::parse(R"({"messages":[{"role":"user"}]})"));
-  request.prependSystemMessage("a \"b\"\n");
-  EXPECT_EQ(request.messages, R"([{"content":"a \"b\"\n","role":"system"},{"role":"user"}])");
-}
-
-TEST(ChatRequest, TheConversationMustHaveAMessage) {
-  for (const char* body : {"[]", "7", "{}", R"({"messages":[]})", R"({"messages":{"a":1}})",
-                           R"({"messages":"x"})", R"({"messages":null})"}) {
-    EXPECT_EQ(chatMessages(json::parse(body)), nullptr) << body;
   }
 }
 

@@ -6,10 +6,20 @@
 #include <map>
 #include <random>
 
-#include "some_workers.h"
+#include "support/workers.h"
+#include "worker/worker_registry.h"
 
 namespace tavrel::inference {
 namespace {
+
+using test::onlineWorker;
+
+void setLoad(worker::WorkerInfo& info, float cpu_percent, std::uint64_t memory_used,
+             std::uint64_t memory_total) {
+  info.metrics.cpu_usage = cpu_percent;
+  info.metrics.memory_used = memory_used;
+  info.metrics.memory_total = memory_total;
+}
 
 /// The rule in its plain form: look at every candidate, every time.
 class PlainRule {
@@ -53,42 +63,6 @@ class PlainRule {
   std::size_t counter_ = 0;
 };
 
-std::string selected(LoadSelector& selector, const std::string& model) {
-  const auto choice = selector.select(model);
-  return choice ? choice->worker->worker_id : "";
-}
-
-TEST(LoadSelector, IdleWorkersWithoutMetricsTakeTurns) {
-  worker::WorkerRegistry registry;
-  for (const char* id : {"b", "a"}) registry.registerWorker(aWorker(id, {"m"}), false);
-  LoadSelector selector(registry);
-  std::string order;
-  for (int i = 0; i < 5; ++i) order += selected(selector, "m");
-  EXPECT_EQ(order, "ababa");
-  EXPECT_EQ(selected(selector, "unknown"), "");
-}
-
-TEST(LoadSelector, RoutedRequestsOutweighTheCpu) {
-  worker::WorkerRegistry registry;
-  worker::WorkerInfo a = aWorker("a", {"m"});
-  worker::WorkerInfo b = aWorker("b", {"m"});
-  setLoad(a, 10, 0, 0);
-  setLoad(b, 90, 0, 0);
-  registry.registerWorker(a, false);
-  registry.registerWorker(b, false);
-  LoadSelector selector(registry);
-  for (int i = 0; i < 3; ++i) selector.countRouted("a");
-  EXPECT_EQ(selected(selector, "m"), "b");
-
-  // A worker that comes back keeps its count.
-  registry.remove("a");
-  EXPECT_EQ(selected(selector, "m"), "b");
-  registry.registerWorker(a, false);
-  EXPECT_EQ(selected(selector, "m"), "b");  // 245 against 305
-  EXPECT_EQ(selected(selector, "m"), "a");
-  EXPECT_EQ(selector.routed("a"), 4);
-}
-
 TEST(LoadSelector, ChoosesExactlyWhatThePlainRuleChooses) {
   std::mt19937 random(11);
   const auto below = [&](unsigned n) { return random() % n; };
@@ -103,7 +77,7 @@ TEST(LoadSelector, ChoosesExactlyWhatThePlainRuleChooses) {
     const std::uint64_t memory = below(3);
     switch (below(12)) {
       case 0: {
-        auto info = aWorker(id, below(2) == 0 ? std::vector<std::string>{"m"} : models);
+        auto info = onlineWorker(id, 8090, below(2) == 0 ? std::vector<std::string>{"m"} : models);
         setLoad(info, cpu, memory, 4);
         registry.registerWorker(info, false);
         break;

@@ -4,14 +4,15 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <map>
 #include <random>
 
-#include "some_workers.h"
+#include "support/workers.h"
+#include "worker/worker_registry.h"
 
 namespace tavrel::inference {
 namespace {
 
+using test::onlineWorker;
 using ::testing::ElementsAre;
 
 struct PortRank {
@@ -19,10 +20,6 @@ struct PortRank {
   bool operator<(const PortRank& other) const { return value < other.value; }
   bool counted() const { return value > 2; }
 };
-
-int rankOfPort(const worker::WorkerInfo& worker) {
-  return worker.port;
-}
 
 template <class Rank>
 std::vector<std::string> idsInOrder(const typename RankedCandidates<Rank>::Group* group) {
@@ -32,31 +29,10 @@ std::vector<std::string> idsInOrder(const typename RankedCandidates<Rank>::Group
   return ids;
 }
 
-TEST(RankedCandidates, OnlyOnlineWorkersWithTheModelAreOffered) {
-  worker::WorkerRegistry registry;
-  registry.registerWorker(aWorker("b", {"m", "m", "n"}), false);
-  registry.registerWorker(aWorker("a", {"m"}), false);
-  registry.registerWorker(aWorker("c", {}), false);
-  RankedCandidates<int> candidates(registry);
-  candidates.refresh(rankOfPort);
-  EXPECT_THAT(idsInOrder<int>(candidates.find("m")), ElementsAre("a", "b"));
-  EXPECT_THAT(idsInOrder<int>(candidates.find("n")), ElementsAre("b"));
-  EXPECT_EQ(candidates.find(""), nullptr);
-
-  registry.update("b", [](worker::WorkerInfo& info) { info.status = worker::WorkerStatus::kBusy; });
-  candidates.refresh(rankOfPort);
-  EXPECT_EQ(candidates.find("n"), nullptr);
-  EXPECT_THAT(idsInOrder<int>(candidates.find("m")), ElementsAre("a"));
-  EXPECT_EQ(candidates.candidate("b"), nullptr);
-
-  registry.remove("a");
-  candidates.refresh(rankOfPort);
-  EXPECT_EQ(candidates.find("m"), nullptr);
-}
-
 TEST(RankedCandidates, ANewRankMovesTheCandidateInEveryModelItHas) {
   worker::WorkerRegistry registry;
-  for (const char* id : {"a", "b", "c"}) registry.registerWorker(aWorker(id, {"m", "n"}), false);
+  for (const char* id : {"a", "b", "c"})
+    registry.registerWorker(onlineWorker(id, 8090, {"m", "n"}), false);
   RankedCandidates<int> candidates(registry);
   candidates.refresh([](const worker::WorkerInfo&) { return 0; });
   candidates.rerank("a", 5);
@@ -106,7 +82,7 @@ TEST(RankedCandidates, StaysEqualToAWalkOverTheRegistry) {
       const std::string id = "w" + std::to_string(below(30));
       switch (below(5)) {
         case 0: {
-          auto info = aWorker(id, {models[random() % 4], models[random() % 4]});
+          auto info = onlineWorker(id, 8090, {models[random() % 4], models[random() % 4]});
           info.port = below(6);
           registry.registerWorker(std::move(info), false);
           break;

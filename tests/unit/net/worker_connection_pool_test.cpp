@@ -138,21 +138,6 @@ INSTANTIATE_TEST_SUITE_P(By, KeptConnection,
                                          [](MockConnection& c) { c.closeSending(); },
                                          [](MockConnection& c) { c.send("stray"); }));
 
-TEST(WorkerConnectionPool, RequestOnAConnectionClosedMeanwhileIsKnownToBeUnanswered) {
-  MockPeer peer([&](MockConnection& connection) {
-    connection.readRequest();
-    connection.send(test::httpAnswer(200, "ok"));
-    connection.readRequest();
-    connection.close();
-  });
-  WorkerConnectionPool pool({});
-  pool.giveBack(at(peer), usedConnection(peer));
-  const auto stale = pool.take(at(peer), -1);
-  ASSERT_NE(stale, nullptr);
-  EXPECT_EQ(exchange(*stale), WorkerIo::kClosed);
-  EXPECT_FALSE(stale->answerBegun());
-}
-
 TEST(WorkerConnectionPool, ManyThreadsShareIt) {
   MockPeer peer(MockPeer::answering(test::httpAnswer(200, "ok")));
   WorkerConnectionPool pool({.idle_per_worker = 3, .idle_in_total = 3, .max_idle = seconds(30)});

@@ -79,31 +79,6 @@ struct Exchange {
   WorkerIo outcome = WorkerIo::kOk;
 };
 
-TEST(WorkerConnection, ServesSeveralExchangesAndSendsHeadAndBodyAsOne) {
-  MockPeer peer(MockPeer::answering(test::httpAnswer(201, "made", "X-A: b\r\n")));
-  WorkerConnection connection(-1);
-  ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
-  for (int i = 0; i < 3; ++i) {
-    const auto post = workerPostHead(at(peer), "/v1/x", 2, true);
-    ASSERT_EQ(connection.send(post, "{}", kLong), WorkerIo::kOk);
-    EXPECT_FALSE(connection.answerBegun());
-    EXPECT_FALSE(connection.reusable());
-    HttpResponseHead head;
-    std::string body;
-    ASSERT_EQ(connection.readHead(head, kLong), WorkerIo::kOk);
-    ASSERT_EQ(connection.readWholeBody(body, 4, kLong), WorkerIo::kOk);
-    EXPECT_EQ(head.status, 201);
-    EXPECT_EQ(head.header("x-a"), "b");
-    EXPECT_EQ(body, "made");
-    EXPECT_TRUE(connection.answerBegun());
-    EXPECT_TRUE(connection.reusable());
-  }
-  EXPECT_EQ(peer.connections(), 1U);
-  EXPECT_EQ(peer.requests().at(2),
-            "POST /v1/x HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(peer.port()) +
-                "\r\nContent-Type: application/json\r\nContent-Length: 2\r\n\r\n{}");
-}
-
 TEST(WorkerConnection, ResolvesNamesAndRefusesWhatIsNoAddress) {
   MockPeer peer(MockPeer::answering(test::httpAnswer(200, "")));
   WorkerConnection connection(-1);
@@ -140,55 +115,6 @@ TEST(WorkerConnection, ConnectGivesUpWhenNobodyAnswers) {
             WorkerIo::kConnectFailed);
 }
 
-TEST(WorkerConnection, PieceOfAStreamIsHandedOutAsSoonAsItIsThere) {
-  Gate first_read;
-  Gate second_read;
-  MockPeer peer([&](MockConnection& connection) {
-    connection.readRequest();
-    connection.send("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n5\r\nhel");
-    connection.waitFor(first_read);
-    connection.send("lo\r\n3");
-    connection.waitFor(second_read);
-    connection.send("\r\nend\r\n0\r\n\r\n");
-  });
-  WorkerConnection connection(-1);
-  HttpResponseHead head;
-  ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
-  ASSERT_EQ(connection.send(kRequest, kLong), WorkerIo::kOk);
-  ASSERT_EQ(connection.readHead(head, kLong), WorkerIo::kOk);
-
-  bool end = true;
-  std::string piece;
-  ASSERT_EQ(connection.readBody(piece, end, kLong), WorkerIo::kOk);
-  EXPECT_EQ(piece, "hel");
-  first_read.open();
-  ASSERT_EQ(connection.readBody(piece, end, kLong), WorkerIo::kOk);
-  EXPECT_EQ(piece, "hello");
-  EXPECT_FALSE(end);
-  EXPECT_EQ(connection.readBody(piece, end, milliseconds(5)), WorkerIo::kTimedOut);
-  second_read.open();
-  while (!end) ASSERT_EQ(connection.readBody(piece, end, kLong), WorkerIo::kOk);
-  EXPECT_EQ(piece, "helloend");
-  EXPECT_TRUE(connection.reusable());
-}
-
-TEST(WorkerConnection, HeadThatIsLateCanBeWaitedForAgain) {
-  Gate timed_out;
-  MockPeer peer([&](MockConnection& connection) {
-    connection.send("HTTP/1.1 200");
-    connection.waitFor(timed_out);
-    connection.send(" OK\r\nContent-Length: 2\r\n\r\nok");
-  });
-  WorkerConnection connection(-1);
-  HttpResponseHead head;
-  ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
-  ASSERT_EQ(connection.send(kRequest, kLong), WorkerIo::kOk);
-  EXPECT_EQ(connection.readHead(head, milliseconds(5)), WorkerIo::kTimedOut);
-  timed_out.open();
-  EXPECT_EQ(connection.readHead(head, kLong), WorkerIo::kOk);
-  EXPECT_EQ(head.status, 200);
-}
-
 /// What a worker may do instead of answering properly.
 struct Fault {
   std::string name;
@@ -222,20 +148,12 @@ const std::string kPart = "HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\npart";
 INSTANTIATE_TEST_SUITE_P(
     Of, WorkerFault,
     testing::Values(
-        Fault{"HangUpInsteadOfAnAnswer", afterRequest("", &MockConnection::close),
-              WorkerIo::kClosed, ""},
         Fault{"ResetInsteadOfAnAnswer", afterRequest("", &MockConnection::reset), WorkerIo::kClosed,
               ""},
-        Fault{"HangUpInHead", afterRequest("HTTP/1.1 200", &MockConnection::close),
-              WorkerIo::kClosed, ""},
-        Fault{"HangUpInBody", afterRequest(kPart, &MockConnection::close), WorkerIo::kClosed,
-              "part"},
         Fault{"ResetInBody", afterRequest(kPart, &MockConnection::reset), WorkerIo::kClosed,
               "part"},
         Fault{"HalfCloseInBody", afterRequest(kPart, &MockConnection::closeSending),
               WorkerIo::kClosed, "part"},
-        Fault{"Garbage", afterRequest("220 smtp ready\r\n", &MockConnection::closeSending),
-              WorkerIo::kMalformed, ""},
         Fault{"GarbageInChunks",
               afterRequest("HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n2\r\nok\r\nZZ\r\n",
                            &MockConnection::closeSending),

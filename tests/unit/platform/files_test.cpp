@@ -10,18 +10,15 @@
 #include <cstdlib>
 #include <filesystem>
 
+#include "support/process.h"
+
 namespace tavrel::platform {
 namespace {
 
 class FilesTest : public ::testing::Test {
  protected:
-  FilesTest() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "tavrel-XXXXXX").string();
-    directory_ = ::mkdtemp(pattern.data());
-  }
-  ~FilesTest() override { std::filesystem::remove_all(directory_); }
-
-  std::filesystem::path directory_;
+  const test::TempDirectory temporary_;
+  const std::filesystem::path directory_ = temporary_.path();
 };
 
 TEST_F(FilesTest, AFileIsReplacedWholeAndPrivate) {

@@ -31,7 +31,14 @@ TEST(Text, NothingLeavesAPathSegment) {
 
 TEST(Text, NothingLeavesItsPlaceInAPage) {
   EXPECT_EQ(escapeHtml("<a b='c'>&\""), "&lt;a b=&#39;c&#39;&gt;&amp;&quot;");
-  EXPECT_EQ(escapeScriptString("';</script>\n"), "\\x27;\\x3C/script\\x3E\\x0A");
+}
+
+TEST(Text, ControlCharactersAreFound) {
+  for (const std::string text : {"a\rb", "a\nb", "\tx", "\x1b[2J", "x\x7F"}) {
+    EXPECT_TRUE(hasControls(text)) << text;
+  }
+  EXPECT_TRUE(hasControls(std::string("a\0b", 3)));
+  EXPECT_FALSE(hasControls("a b \xC3\xB1 \xFF"));
 }
 
 TEST(Text, OccurrencesDoNotOverlap) {
