@@ -22,6 +22,11 @@ if(CMAKE_UNITY_BUILD)
   target_compile_options(tavrel_settings INTERFACE -Wno-subobject-linkage)
 endif()
 
+# Of every test, and so of the programs that it starts. A long history, since a suppression works only
+# where both stacks are still known; no second's sleep when a program ends, since tests wait for that.
+set(TAVREL_TSAN_ENVIRONMENT
+  "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp history_size=7 atexit_sleep_ms=0")
+
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
@@ -57,9 +62,7 @@ function(tavrel_test name)
   endif()
   set_tests_properties(${name} PROPERTIES TIMEOUT ${ARG_TIMEOUT} LABELS "${ARG_LABELS}")
   if(TAVREL_SANITIZER MATCHES "thread")
-    # Programs that a test starts inherit it.
-    set_tests_properties(${name} PROPERTIES
-      ENVIRONMENT "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp")
+    set_tests_properties(${name} PROPERTIES ENVIRONMENT "${TAVREL_TSAN_ENVIRONMENT}")
   endif()
 endfunction()
 
