@@ -16,14 +16,14 @@ namespace {
 constexpr const char* kGeneral = "general";
 
 /// A theme and its keywords, in lower case and separated by ", ".
-struct Row {
+struct SpecializationRow {
   std::string_view theme;
   std::string_view keywords;
 };
 
 // In the order of names.
 // clang-format off
-constexpr Row kRows[] = {
+constexpr SpecializationRow kSpecializations[] = {
     {"ansible", "ansible, playbook, ansible-vault, ansible-galaxy"},
     {"apache", "apache, httpd, apache2, mod_rewrite, htaccess"},
     {"aws", "aws, amazon web services, ec2, s3, lambda, cloudformation"},
@@ -104,7 +104,7 @@ std::uint16_t keyOf(std::string_view text) {
 class KeywordIndex {
  public:
   KeywordIndex() {
-    for (std::size_t theme = 0; theme < std::size(kRows); ++theme) addRow(theme);
+    for (std::size_t theme = 0; theme < std::size(kSpecializations); ++theme) addRow(theme);
     std::stable_sort(keywords_.begin(), keywords_.end(), [](const Keyword& a, const Keyword& b) {
       return keyOf(a.text) < keyOf(b.text);
     });
@@ -134,15 +134,15 @@ class KeywordIndex {
 
   void addRow(std::size_t theme) {
     constexpr std::string_view kSeparator = ", ";
-    std::string_view rest = kRows[theme].keywords;
+    std::string_view rest = kSpecializations[theme].keywords;
     bool named = false;
     while (!rest.empty()) {
       const std::string_view word = rest.substr(0, rest.find(kSeparator));
       keywords_.push_back({word, theme});
-      named = named || word == kRows[theme].theme;
+      named = named || word == kSpecializations[theme].theme;
       rest.remove_prefix(std::min(rest.size(), word.size() + kSeparator.size()));
     }
-    if (!named) keywords_.push_back({kRows[theme].theme, theme, true});
+    if (!named) keywords_.push_back({kSpecializations[theme].theme, theme, true});
   }
 
   std::vector<Keyword> keywords_;
@@ -158,7 +158,7 @@ struct Score {
 /// The themes that occur in the text, the best first.
 std::vector<Score> rankedThemes(std::string_view text, bool is_name) {
   static const KeywordIndex index;
-  std::vector<Score> scores(std::size(kRows));
+  std::vector<Score> scores(std::size(kSpecializations));
   for (std::size_t theme = 0; theme < scores.size(); ++theme) scores[theme].theme = theme;
   std::vector<std::size_t> end_of_last(index.size());  // occurrences of a keyword do not overlap
   const std::string lowered = platform::toLower(text);
@@ -184,14 +184,14 @@ std::vector<std::string> ModelSpecializationExtractor::detectThemesFromPrompt(
     std::string_view prompt) {
   std::vector<std::string> themes;
   for (const Score& score : rankedThemes(prompt, /*is_name=*/false)) {
-    themes.emplace_back(kRows[score.theme].theme);
+    themes.emplace_back(kSpecializations[score.theme].theme);
   }
   return themes;
 }
 
 std::string ModelSpecializationExtractor::detectThemeFromModelName(std::string_view name) {
   const std::vector<Score> scores = rankedThemes(name, /*is_name=*/true);
-  return scores.empty() ? kGeneral : std::string(kRows[scores.front().theme].theme);
+  return scores.empty() ? kGeneral : std::string(kSpecializations[scores.front().theme].theme);
 }
 
 }  // namespace tavrel::ai
