@@ -86,13 +86,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   node.echo.answer = text;
   const json body = json::parse(text, nullptr, false);
   if (!body.is_discarded()) {
-    tolerated([&] { node.manager.handleJoin(body).dump(); });
+    tolerated([&] { node.manager.handleJoin(body); });
     tolerated([&] { node.manager.handleAnnounce(body); });
     tolerated([&] {
       const GossipMessage message = GossipMessage::fromJson(body);
       const GossipMessage again = GossipMessage::fromJson(message.toJson());
       check(again.toJson() == message.toJson());
-      node.gossip.handleMessage(message).toJson().dump();
+      node.gossip.handleMessage(message).toText();
       GossipMessage as_sync = message;
       as_sync.id += "-";
       as_sync.type = GossipMessageType::SYNC;
@@ -109,7 +109,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // All of it can be read by another node.
   Node other("other");
-  const std::string stats = node.manager.getClusterStats().dump();
+  const std::string stats = node.manager.clusterStatsText();
   other.echo.answer = stats;
   other.manager.joinCluster("seed:1");
   check(other.registry.nodeCount() + 1 >= node.registry.nodeCount());

@@ -23,7 +23,8 @@ const std::string& headerOf(const Request& request, const std::string& name) {
   return found == request.headers.end() ? kNone : found->second;
 }
 
-/// Calls between cluster nodes: two peers alone would empty the bucket that guests share.
+/// Calls between cluster nodes, which no rate limit covers: two peers alone would empty the bucket
+/// that guests share, and a dozen that of the key which all of them send.
 bool isClusterPath(std::string_view path) {
   return path == "/gossip" || path == "/cluster/join" || path == "/cluster/announce";
 }
@@ -82,7 +83,7 @@ std::optional<Response> AuthMiddleware::judge(Context& context, const Request& r
   if (key.empty()) return judgeBearer(context, request);
   const ApiKeyPtr known = usableKey(key, request.remote_address);
   if (known == nullptr) return refuse(401, "Invalid API key");
-  return passWithKey(context, *known);
+  return passWithKey(context, request, *known);
 }
 
 /// Guests get no identity, not even with a valid key.
@@ -104,7 +105,7 @@ std::optional<Response> AuthMiddleware::judgeBearer(Context& context, const Requ
   if (!token) {
     // Many client libraries can send their key as a bearer token only.
     if (const ApiKeyPtr key = usableKey(value, request.remote_address)) {
-      return passWithKey(context, *key);
+      return passWithKey(context, request, *key);
     }
     return judgeSession(request, "Invalid or expired token");
   }
@@ -127,9 +128,12 @@ std::optional<Response> AuthMiddleware::judgeSession(const Request& request,
   return std::nullopt;
 }
 
-std::optional<Response> AuthMiddleware::passWithKey(Context& context, ApiKey& key) {
-  const RateLimiter::Verdict verdict = checkRateLimit(key.key(), /*is_guest=*/false);
-  if (!verdict) return refuseRate("Rate limit exceeded for API key", verdict);
+std::optional<Response> AuthMiddleware::passWithKey(Context& context, const Request& request,
+                                                    ApiKey& key) {
+  if (!isClusterPath(request.path)) {
+    const RateLimiter::Verdict verdict = checkRateLimit(key.key(), /*is_guest=*/false);
+    if (!verdict) return refuseRate("Rate limit exceeded for API key", verdict);
+  }
   context.identity = key.identity();
   authenticated_requests_.fetch_add(1, std::memory_order_relaxed);
   key.countUse(clocks_.wall());

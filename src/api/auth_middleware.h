@@ -117,7 +117,7 @@ class AuthMiddleware {
   std::optional<Response> judgeGuest(const Request& request);
   std::optional<Response> judgeBearer(Context& context, const Request& request);
   std::optional<Response> judgeSession(const Request& request, std::string_view refusal);
-  std::optional<Response> passWithKey(Context& context, ApiKey& key);
+  std::optional<Response> passWithKey(Context& context, const Request& request, ApiKey& key);
   ApiKeyPtr usableKey(const std::string& key, const std::string& client_ip) const;
   Response refuse(int status, std::string_view message);
   Response refuseRate(std::string_view message, const RateLimiter::Verdict& verdict);

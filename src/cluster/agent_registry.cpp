@@ -28,6 +28,13 @@ std::optional<RemoteAgent> lessLoaded(std::optional<RemoteAgent> best, RemoteAge
   return best;
 }
 
+std::size_t textBytes(const RemoteAgent& agent) {
+  std::size_t size = agent.id.size() + agent.name.size() + agent.agent_type_id.size() +
+                     agent.node_id.size() + agent.model.size();
+  for (const std::string& tool : agent.allowed_tools) size += tool.size() + sizeof tool;
+  return size;
+}
+
 void readAnswer(const ClusterAnswer& answer, AgentResult& result) {
   try {
     const json body = platform::parseForeignJson(answer.body);
@@ -77,6 +84,7 @@ RemoteAgent AgentRegistry::Entry::current() const {
 bool AgentRegistry::registerAgent(const RemoteAgent& agent) {
   {
     const MutexLock lock(mu_);
+    if (textBytes(agent) > kMaxAgentBytes) return false;
     if (agents_.size() >= kMaxAgents && !agents_.contains(agent.id)) return false;
     agents_[agent.id].agent = agent;
   }
@@ -185,7 +193,8 @@ std::optional<RemoteAgent> AgentRegistry::selectForSessionLocked(const std::stri
     }
   }
   std::optional<RemoteAgent> agent = selectLocked(type);
-  if (agent && (session != sessions_.end() || sessions_.size() < kMaxSessions)) {
+  const bool has_room = sessions_.size() < kMaxSessions && session_id.size() <= kMaxIdBytes;
+  if (agent && (session != sessions_.end() || has_room)) {
     sessions_[session_id] = agent->id;
   }
   return agent;
@@ -197,8 +206,7 @@ std::string AgentRegistry::claim(const AgentInvocation& invocation, RemoteAgent&
   std::optional<RemoteAgent> chosen;
   if (invocation.agent_id) {
     const auto named = agents_.find(*invocation.agent_id);
-    if (named == agents_.end()) return "Agent not found: " + *invocation.agent_id;
-    chosen = named->second.current();
+    if (named != agents_.end()) chosen = named->second.current();
   } else {
     chosen = invocation.session_id ? selectForSessionLocked(*invocation.session_id, type)
                                    : selectLocked(type);

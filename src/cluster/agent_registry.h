@@ -28,9 +28,11 @@ class AgentRegistry {
  public:
   using Callback = std::function<void(const RemoteAgent&)>;
 
-  static constexpr std::size_t kMaxAgents = 100'000;
-  /// Sessions that are remembered; later ones are served without being remembered.
+  static constexpr std::size_t kMaxAgents = 20'000;
+  static constexpr std::size_t kMaxAgentBytes = std::size_t{16} << 10;  ///< of its texts
+  /// Sessions that are remembered; later ones, and those with longer ids, are served without.
   static constexpr std::size_t kMaxSessions = 100'000;
+  static constexpr std::size_t kMaxIdBytes = 256;
 
   /// Both must outlive it.
   AgentRegistry(const NodeRegistry& registry, ClusterTransport& transport)
@@ -38,7 +40,8 @@ class AgentRegistry {
   AgentRegistry(const AgentRegistry&) = delete;
   AgentRegistry& operator=(const AgentRegistry&) = delete;
 
-  /// Enters the agent, over one of its id that may be there. False when there is no room.
+  /// Enters the agent, over one of its id that may be there. False when there is no room,
+  /// or it is larger than any real one.
   bool registerAgent(const RemoteAgent& agent) TV_EXCLUDES(mu_);
   bool unregisterAgent(const std::string& id) TV_EXCLUDES(mu_);
   std::optional<RemoteAgent> getAgent(const std::string& id) const TV_EXCLUDES(mu_);

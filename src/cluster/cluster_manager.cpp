@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <exception>
+#include <map>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -35,12 +36,18 @@ NodeInfo selfRecord(const ClusterConfig& config, const std::string& id, platform
   return self;
 }
 
-/// Those that are known to answer first, those that failed last.
-bool probedEarlier(const NodePtr& a, const NodePtr& b) {
+bool calledEarlier(const NodePtr& a, const NodePtr& b) {
   const auto rank = [](const NodeInfo& node) {
     return std::pair(node.consecutive_failures, node.consecutive_successes == 0);
   };
   return rank(*a) < rank(*b);
+}
+
+/// The text of an object that is not empty, with the member "nodes" besides.
+std::string withNodes(const json& object, const std::string& nodes) {
+  std::string text = platform::dumpJson(object);
+  text.pop_back();
+  return text + ",\"nodes\":" + nodes + '}';
 }
 
 template <class Callbacks, class What>
@@ -124,6 +131,20 @@ void ClusterManager::stop() {
   env_.print("[Cluster] Cluster manager stopped");
 }
 
+void ClusterManager::setApiPort(std::int32_t port) {
+  NodeInfo self;
+  {
+    const MutexLock lock(mu_);
+    if (config_.discovery_port == 0) config_.discovery_port = port;
+    config_.api_port = port;
+    self_.api_port = port;
+    for (Seed& seed : seeds_) seed.answered = false;
+    self = self_;
+  }
+  registry_.setOwnNode(self);
+  registry_.update(self_id_, [port](NodeInfo& node) { node.api_port = port; });
+}
+
 bool ClusterManager::joinCluster(const std::string& seed) {
   return join(seed, Join::kFirst);
 }
@@ -189,6 +210,21 @@ std::vector<NodePtr> ClusterManager::otherNodes() const {
   return nodes;
 }
 
+/// The other nodes, in the order in which they are called: those that are known to answer first,
+/// those that failed last. One call is made per endpoint, however many say that they are there.
+std::vector<std::vector<NodePtr>> ClusterManager::otherNodesByEndpoint() const {
+  std::vector<NodePtr> nodes = otherNodes();
+  std::stable_sort(nodes.begin(), nodes.end(), calledEarlier);
+  std::vector<std::vector<NodePtr>> groups;
+  std::map<std::pair<std::string_view, std::int32_t>, std::size_t> places;
+  for (NodePtr& node : nodes) {
+    const auto [place, is_new] = places.try_emplace({node->address, node->port}, groups.size());
+    if (is_new) groups.emplace_back();
+    groups[place->second].push_back(std::move(node));
+  }
+  return groups;
+}
+
 std::vector<std::string> ClusterManager::seedsToJoin() {
   std::vector<Seed> seeds;
   std::size_t pass = 0;
@@ -219,11 +255,11 @@ void ClusterManager::announcePresence() {
       if (!stopping_) join(seed, Join::kAgain);
     });
   }
-  for (const NodePtr& node : otherNodes()) {
-    jobs.emplace_back([this, node, &body] {
+  for (const std::vector<NodePtr>& nodes : otherNodesByEndpoint()) {
+    jobs.emplace_back([this, to = nodes.front(), &body] {
       if (stopping_) return;
       ClusterCall call;
-      call.to = {node->address, node->port};
+      call.to = {to->address, to->port};
       call.path = "/cluster/announce";
       call.body = body;
       call.connect = call.total = kAnnounceTimeout;
@@ -234,10 +270,10 @@ void ClusterManager::announcePresence() {
   platform::runSideBySide(jobs, env_.at_once, kAnnouncePassLimit);
 }
 
-void ClusterManager::probe(const NodeInfo& node) {
+void ClusterManager::probe(const std::vector<NodePtr>& nodes) {
   const ClusterConfig config = getConfig();
   ClusterCall call;
-  call.to = {node.address, node.port};
+  call.to = {nodes.front()->address, nodes.front()->port};
   call.path = "/api/v1/health";
   call.with_key = false;
   call.total = std::chrono::milliseconds(config.health_check_timeout_ms);
@@ -250,31 +286,30 @@ void ClusterManager::probe(const NodeInfo& node) {
   outcome.answered = answer.ok();
   outcome.body = std::move(answer.body);
 
-  bool changed = false;
-  NodeInfo now;
-  const bool known = registry_.update(node.id, [&](NodeInfo& current) {
-    changed =
-        applyProbe(current, node, outcome, {config.unhealthy_threshold, config.healthy_threshold});
-    if (changed) now = current;
-  });
-  if (known && changed) publishEvent(ClusterEventType::NodeStatusChanged, now.toJson());
+  for (const NodePtr& node : nodes) {
+    bool changed = false;
+    NodeInfo now;
+    const bool known = registry_.update(node->id, [&](NodeInfo& current) {
+      changed = applyProbe(current, *node, outcome,
+                           {config.unhealthy_threshold, config.healthy_threshold});
+      if (changed) now = current;
+    });
+    if (known && changed) publishEvent(ClusterEventType::NodeStatusChanged, now.toJson());
+  }
 }
 
 void ClusterManager::checkAllNodesHealth() {
-  std::vector<NodePtr> nodes = otherNodes();
-  std::stable_sort(nodes.begin(), nodes.end(), probedEarlier);
   std::vector<std::function<void()>> jobs;
-  jobs.reserve(nodes.size());
-  for (const NodePtr& node : nodes) {
-    jobs.emplace_back([this, node] {
-      if (!stopping_) probe(*node);
+  for (const std::vector<NodePtr>& nodes : otherNodesByEndpoint()) {
+    jobs.emplace_back([this, nodes] {
+      if (!stopping_) probe(nodes);
     });
   }
   platform::runSideBySide(jobs, env_.at_once, kProbePassLimit);
 }
 
 void ClusterManager::checkNodeHealth(const std::string& id) {
-  if (const NodePtr node = registry_.getNode(id)) probe(*node);
+  if (const NodePtr node = registry_.getNode(id)) probe({node});
 }
 
 void ClusterManager::healthPass() {
@@ -286,13 +321,13 @@ void ClusterManager::healthPass() {
   registry_.removeStaleNodes(2 * interval * config.unhealthy_threshold, env_.now(), version);
 }
 
-json ClusterManager::handleJoin(const json& body) {
+std::string ClusterManager::handleJoin(const json& body) {
   if (auto node = joinedNode(body, env_.now()); node && !registry_.isOwnNode(*node)) {
     registry_.registerNode(*std::move(node));
   }
-  json nodes = json::array();
-  for (const NodePtr& node : registry_.getAllNodes()) nodes.push_back(node->toJson());
-  return {{"success", true}, {"nodes", std::move(nodes)}, {"self", getSelfNode().toJson()}};
+  platform::JsonArrayText nodes;
+  for (const NodePtr& node : registry_.getAllNodes()) nodes.add(node->toJson());
+  return withNodes({{"success", true}, {"self", getSelfNode().toJson()}}, nodes.take());
 }
 
 void ClusterManager::handleAnnounce(const json& body) {
@@ -318,27 +353,31 @@ void ClusterManager::updateSelfMetrics(double cpu, double memory, std::int32_t a
 }
 
 json ClusterManager::getClusterStats() const {
-  json nodes = json::array();
+  return json::parse(clusterStatsText());
+}
+
+std::string ClusterManager::clusterStatsText() const {
+  platform::JsonArrayText nodes;
   json by_type = json::object();
   json by_status = json::object();
   std::size_t available = 0;
   const auto count = [](json& counts, const std::string& name) {
     counts[name] = counts.value(name, 0) + 1;
   };
-  for (const NodePtr& node : registry_.getAllNodes()) {
-    nodes.push_back(node->toJson());
+  const std::vector<NodePtr> all = registry_.getAllNodes();
+  for (const NodePtr& node : all) {
+    nodes.add(node->toJson());
     count(by_type, nodeTypeToString(node->type));
     count(by_status, nodeStatusToString(node->status));
     available += isAvailable(node->status) ? 1U : 0U;
   }
-  const std::size_t total = nodes.size();
-  return {{"cluster_id", getConfig().cluster_id},
-          {"self_node_id", self_id_},
-          {"total_nodes", total},
-          {"healthy_nodes", available},
-          {"nodes_by_type", std::move(by_type)},
-          {"nodes_by_status", std::move(by_status)},
-          {"nodes", std::move(nodes)}};
+  return withNodes({{"cluster_id", getConfig().cluster_id},
+                    {"self_node_id", self_id_},
+                    {"total_nodes", all.size()},
+                    {"healthy_nodes", available},
+                    {"nodes_by_type", std::move(by_type)},
+                    {"nodes_by_status", std::move(by_status)}},
+                   nodes.take());
 }
 
 ClusterConfig ClusterManager::getConfig() const {

@@ -76,6 +76,10 @@ class ClusterManager {
   bool start() TV_EXCLUDES(mu_);
   void stop();
 
+  /// The HTTP server's port, for a node that learns it only when the server listens. The seeds are
+  /// to be joined again with the next announcement: what they were told so far had no port.
+  void setApiPort(std::int32_t port) TV_EXCLUDES(mu_);
+
   /// True when the seed took this node in.
   bool joinCluster(const std::string& seed) TV_EXCLUDES(mu_);
   void announcePresence() TV_EXCLUDES(mu_);
@@ -84,13 +88,16 @@ class ClusterManager {
   /// Probes all nodes, then gives up the silent ones.
   void healthPass() TV_EXCLUDES(mu_);
 
-  // What other nodes ask. The answer to a join lists all nodes, and this one as "self".
-  nlohmann::json handleJoin(const nlohmann::json& body);
+  // What other nodes ask. The answer to a join, as JSON text, lists all nodes, and this one as
+  // "self".
+  std::string handleJoin(const nlohmann::json& body);
   void handleAnnounce(const nlohmann::json& body);
 
   NodeInfo getSelfNode() const TV_EXCLUDES(mu_);
   void updateSelfMetrics(double cpu, double memory, std::int32_t active_jobs) TV_EXCLUDES(mu_);
-  nlohmann::json getClusterStats() const TV_EXCLUDES(mu_);
+  nlohmann::json getClusterStats() const;
+  std::string clusterStatsText() const TV_EXCLUDES(mu_);  ///< the same as JSON text
+  std::vector<NodePtr> getAllNodes() const { return registry_.getAllNodes(); }
   ClusterConfig getConfig() const TV_EXCLUDES(mu_);
   /// Taken over with the next pass. The seeds, the id and the addresses stay those of the start.
   void setConfig(const ClusterConfig& config) TV_EXCLUDES(mu_);
@@ -109,12 +116,13 @@ class ClusterManager {
 
   enum class Join { kFirst, kAgain };  ///< again: what is known of others already stays
 
-  void probe(const NodeInfo& node);
+  void probe(const std::vector<NodePtr>& nodes);  ///< all at one endpoint
   bool join(const std::string& seed, Join kind) TV_EXCLUDES(mu_);
   std::string readJoinAnswer(const std::string& body, Join kind);  ///< the seed's id, if it told
   std::string discover(const nlohmann::json& object, Join kind);
   std::vector<std::string> seedsToJoin() TV_EXCLUDES(mu_);
   std::vector<NodePtr> otherNodes() const;
+  std::vector<std::vector<NodePtr>> otherNodesByEndpoint() const;
 
   NodeRegistry& registry_;
   const ClusterEnvironment env_;

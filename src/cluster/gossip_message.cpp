@@ -1,8 +1,10 @@
 #include "cluster/gossip_message.h"
 
 #include <chrono>
+#include <utility>
 
 #include "platform/json_fields.h"
+#include "platform/json_text.h"
 
 namespace tavrel::cluster {
 
@@ -10,19 +12,28 @@ using nlohmann::json;
 using platform::readField;
 
 json GossipMessage::toJson() const {
-  const auto since_epoch = timestamp.time_since_epoch();
-  return {
-      {"id", id},
-      {"type", static_cast<std::int32_t>(type)},
-      {"sender_id", sender_id},
-      {"sender_address", sender_address},
-      {"sender_port", sender_port},
-      {"clock", clock},
-      {"payload", payload},
-      {"timestamp_ms", std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count()}};
+  return json::parse(toText());
 }
 
-GossipMessage GossipMessage::fromJson(const json& object) {
+std::string GossipMessage::toText() const {
+  const auto since_epoch = timestamp.time_since_epoch();
+  std::string text = platform::dumpJson(
+      {{"id", id},
+       {"type", static_cast<std::int32_t>(type)},
+       {"sender_id", sender_id},
+       {"sender_address", sender_address},
+       {"sender_port", sender_port},
+       {"clock", clock},
+       {"timestamp_ms",
+        std::chrono::duration_cast<std::chrono::milliseconds>(since_epoch).count()}});
+  text.back() = ',';
+  text += "\"payload\":";
+  text += payload_text.empty() ? platform::dumpJson(payload) : payload_text;
+  text += '}';
+  return text;
+}
+
+GossipMessage GossipMessage::fromJson(json object) {
   GossipMessage message;
   readField(object, "id", message.id);
   message.type =
@@ -35,7 +46,8 @@ GossipMessage GossipMessage::fromJson(const json& object) {
       message.clock[node] = platform::jsonNumber<std::uint64_t>(counter);
     }
   }
-  readField(object, "payload", message.payload);
+  const auto payload = object.find("payload");
+  if (payload != object.end()) message.payload = std::move(*payload);
   return message;
 }
 

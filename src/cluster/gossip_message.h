@@ -32,11 +32,13 @@ struct GossipMessage {
   std::int32_t sender_port = 0;
   ClockEntries clock;  ///< of the sender
   nlohmann::json payload;
+  std::string payload_text;        ///< of what is sent: JSON in place of `payload`, unless empty
   platform::SteadyTime timestamp;  ///< JSON: milliseconds, of use on the sender's host only
 
   nlohmann::json toJson() const;
+  std::string toText() const;  ///< the same as text
   /// Members of a wrong type throw nlohmann's exception.
-  static GossipMessage fromJson(const nlohmann::json& object);
+  static GossipMessage fromJson(nlohmann::json object);
 };
 
 }  // namespace tavrel::cluster

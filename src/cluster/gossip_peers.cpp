@@ -148,6 +148,14 @@ std::vector<PeerController> GossipPeers::all() const {
   return peers;
 }
 
+std::vector<PeerController> GossipPeers::inPingOrder() const {
+  std::vector<PeerController> peers = all();
+  std::stable_sort(peers.begin(), peers.end(), [](const PeerController& a, const auto& b) {
+    return a.missed_pings < b.missed_pings;
+  });
+  return peers;
+}
+
 std::vector<PeerController> GossipPeers::alive(SteadyTime now) const {
   std::vector<PeerController> peers = all();
   std::erase_if(peers, [&](const PeerController& peer) { return !isAlive(peer, now); });

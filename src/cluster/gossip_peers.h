@@ -41,6 +41,9 @@ struct GossipConfig {
   std::chrono::milliseconds dead_peer_timeout_ms{60'000};
   std::chrono::milliseconds alive_age_ms{30'000};  ///< a peer silent for longer is not alive
   std::size_t max_peers = 1000;                    ///< more are refused
+  /// No ping is begun later than this after its pass began: peers that hang, however many, cannot
+  /// keep the pass from the next pings of those that answer.
+  std::chrono::milliseconds ping_pass_limit{1000};
 };
 
 /// The peers of a gossiping node, in id order, one per id and one per address and port; and the
@@ -82,6 +85,8 @@ class GossipPeers {
   std::vector<Endpoint> lostEndpoints() const TV_EXCLUDES(mu_);
 
   std::vector<PeerController> all() const TV_EXCLUDES(mu_);
+  /// All, in the order in which they are pinged: those that answered last time first.
+  std::vector<PeerController> inPingOrder() const TV_EXCLUDES(mu_);
   std::vector<PeerController> alive(platform::SteadyTime now) const TV_EXCLUDES(mu_);
   std::size_t size() const TV_EXCLUDES(mu_);
 

@@ -65,6 +65,7 @@ NodeInfo withOwnFindings(NodeInfo told, const NodeInfo* known) {
 GossipProtocol::GossipProtocol(Self self, NodeRegistry& registry, ClusterEnvironment env,
                                std::uint32_t seed)
     : self_(std::move(self)),
+      port_(self_.port),
       registry_(registry),
       env_(std::move(env)),
       peers_(config_, seed),
@@ -105,7 +106,7 @@ GossipMessage GossipProtocol::createMessage(Type type, json payload) {
   message.type = type;
   message.sender_id = self_.id;
   message.sender_address = self_.address;
-  message.sender_port = self_.port;
+  message.sender_port = port_;
   message.clock = clock_.tick();
   message.payload = std::move(payload);
   message.timestamp = env_.now();
@@ -129,7 +130,7 @@ bool GossipProtocol::sendMessage(const Endpoint& to, const std::string& text) {
 }
 
 GossipMessage GossipProtocol::sendAndReceive(const Endpoint& to, const GossipMessage& message) {
-  const ClusterAnswer answer = post(to, platform::dumpJson(message.toJson()));
+  const ClusterAnswer answer = post(to, message.toText());
   if (!answer.ok()) return {};
   try {
     return GossipMessage::fromJson(platform::parseForeignJson(answer.body));
@@ -143,7 +144,7 @@ void GossipProtocol::runJobs(const Jobs& jobs) const {
 }
 
 void GossipProtocol::broadcast(const GossipMessage& message) {
-  const std::string text = platform::dumpJson(message.toJson());
+  const std::string text = message.toText();
   Jobs jobs;
   for (const PeerController& peer : peers_.alive(env_.now())) {
     jobs.emplace_back([this, peer, &text] { sendMessage(peer.endpoint(), text); });
@@ -157,6 +158,17 @@ void GossipProtocol::broadcastNodeUpdate(const NodeInfo& node) {
 
 void GossipProtocol::broadcastNodeRemoval(const std::string& node_id) {
   broadcast(createMessage(Type::NODE_REMOVE, {{"node_id", node_id}}));
+}
+
+void GossipProtocol::setPort(std::int32_t port) {
+  port_ = port;
+  Jobs jobs;
+  for (const PeerController& peer : peers_.all()) {
+    jobs.emplace_back([this, endpoint = peer.endpoint()] {
+      if (!stopping_) introduceTo(endpoint);
+    });
+  }
+  runJobs(jobs);
 }
 
 void GossipProtocol::addPeer(const std::string& host, std::int32_t port) {
@@ -192,20 +204,19 @@ void GossipProtocol::gossipPass() {
   std::string heartbeat;
   const std::vector<PeerController> targets = peers_.selectTargets(env_.now());
   if (!targets.empty()) {
-    heartbeat = platform::dumpJson(
-        createMessage(Type::HEARTBEAT, {{"node_count", registry_.nodeCount()}}).toJson());
+    heartbeat = createMessage(Type::HEARTBEAT, {{"node_count", registry_.nodeCount()}}).toText();
   }
   for (const PeerController& peer : targets) {
     jobs.emplace_back([this, peer, &heartbeat] {
       if (!stopping_) sendMessage(peer.endpoint(), heartbeat);
     });
   }
-  for (const PeerController& peer : peers_.all()) {
+  for (const PeerController& peer : peers_.inPingOrder()) {
     jobs.emplace_back([this, peer] {
       if (!stopping_) ping(peer);
     });
   }
-  runJobs(jobs);
+  platform::runSideBySide(jobs, env_.at_once, config_.ping_pass_limit);
   if (stopping_) return;
   for (const PeerController& peer : peers_.removeDead(env_.now())) {
     env_.print("[Gossip] Removing dead peer: " + peer.id);
@@ -243,18 +254,19 @@ void GossipProtocol::triggerSync() {
 }
 
 void GossipProtocol::syncWithPeer(const Endpoint& endpoint) {
-  const GossipMessage reply =
-      sendAndReceive(endpoint, createMessage(Type::SYNC, serializeNodeRegistry()));
+  GossipMessage message = createMessage(Type::SYNC, nullptr);
+  message.payload_text = serializeNodeRegistry();
+  const GossipMessage reply = sendAndReceive(endpoint, message);
   if (reply.type == Type::SYNC_RESPONSE) mergeNodeRegistry(reply.payload);
 }
 
-json GossipProtocol::serializeNodeRegistry() const {
-  json nodes = json::array();
-  if (self_.record) nodes.push_back(self_.record().toJson());
+std::string GossipProtocol::serializeNodeRegistry() const {
+  platform::JsonArrayText nodes;
+  if (self_.record) nodes.add(self_.record().toJson());
   for (const NodePtr& node : registry_.nodesToPassOn()) {
-    if (!self_.record || node->id != self_.id) nodes.push_back(node->toJson());
+    if (!self_.record || node->id != self_.id) nodes.add(node->toJson());
   }
-  return {{"nodes", std::move(nodes)}};
+  return "{\"nodes\":" + nodes.take() + '}';
 }
 
 void GossipProtocol::mergeNodeRegistry(const json& payload) {
@@ -335,7 +347,7 @@ void GossipProtocol::handleLeave(const GossipMessage& message) {
 
 void GossipProtocol::handleSync(const GossipMessage& message, GossipMessage& reply) {
   reply.type = Type::SYNC_RESPONSE;
-  reply.payload = serializeNodeRegistry();  // before the merge: the sender knows its own nodes
+  reply.payload_text = serializeNodeRegistry();  // before the merge: the sender knows its own nodes
   mergeNodeRegistry(message.payload);
 }
 

@@ -39,7 +39,7 @@ class GossipProtocol {
   struct Self {
     std::string id;
     std::string address;
-    std::int32_t port = 0;  ///< of its HTTP server
+    std::int32_t port = 0;  ///< of its HTTP server; 0: not known yet
     /// Its record, which every sync carries. May be called by any thread.
     std::function<NodeInfo()> record;
   };
@@ -53,6 +53,10 @@ class GossipProtocol {
 
   bool start();  ///< always true
   void stop();
+
+  /// The HTTP server's port, for a node that learns it only when the server listens: introduces
+  /// this node to its peers again, and waits for them.
+  void setPort(std::int32_t port);
 
   /// Adds the peer and introduces this node to it; waits for its answer, and for a first sync.
   void addPeer(const std::string& host, std::int32_t port);
@@ -94,7 +98,7 @@ class GossipProtocol {
   void introduceTo(const Endpoint& endpoint);
   void ping(const PeerController& peer);
   void syncWithPeer(const Endpoint& endpoint);
-  nlohmann::json serializeNodeRegistry() const;
+  std::string serializeNodeRegistry() const;  ///< the payload of a sync
   void mergeNodeRegistry(const nlohmann::json& payload);
   void registerHearsay(NodeInfo told);
 
@@ -107,6 +111,7 @@ class GossipProtocol {
   void removeNode(const std::string& id);
 
   const Self self_;
+  std::atomic<std::int32_t> port_;
   const GossipConfig config_;
   NodeRegistry& registry_;
   const ClusterEnvironment env_;

@@ -1,6 +1,5 @@
 #include "cluster/node_reader.h"
 
-#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@ constexpr std::int32_t kDefaultPort = 8080;
 constexpr std::int32_t kDefaultWeight = 100;
 constexpr std::size_t kMaxTextBytes = 256;
 constexpr std::size_t kMaxListLength = 1000;
+constexpr std::size_t kMaxListBytes = std::size_t{32} << 10;
 
 void readPlace(const json& object, std::int32_t default_port, NodeInfo& node) {
   node.port = default_port;
@@ -33,9 +33,9 @@ bool isShort(const std::string& text) {
 }
 
 bool isShort(const std::vector<std::string>& list) {
-  return list.size() <= kMaxListLength &&
-         std::all_of(list.begin(), list.end(),
-                     [](const std::string& text) { return isShort(text); });
+  std::size_t size = 0;
+  for (const std::string& text : list) size += text.size();
+  return list.size() <= kMaxListLength && size <= kMaxListBytes;
 }
 
 std::optional<NodeInfo> checked(NodeInfo node) {

@@ -37,8 +37,9 @@ class NodeRegistry {
  public:
   using Callback = std::function<void(const NodeInfo&)>;
 
-  /// Records that are kept; more new ones are refused.
-  static constexpr std::size_t kMaxNodes = 100'000;
+  /// Records that are kept; more new ones are refused. As many as fit into one exchange between
+  /// nodes: its reader takes no more values than platform::kMaxJsonValues.
+  static constexpr std::size_t kMaxNodes = 20'000;
   /// How long a node that was given up is remembered, so that nobody passes on old news of it.
   static constexpr std::chrono::minutes kGivenUpMemory{10};
 

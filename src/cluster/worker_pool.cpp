@@ -4,6 +4,7 @@
 #include <exception>
 #include <nlohmann/json.hpp>
 #include <set>
+#include <string_view>
 
 #include "platform/blocking.h"
 #include "platform/console.h"
@@ -46,6 +47,26 @@ WorkerResult readResult(const std::string& body) {
 }
 
 }  // namespace
+
+/// What the available workers have together. Tells at little cost of most requirements that nobody
+/// meets that it is so; the balancer has the last word.
+struct WorkerPool::Offer {
+  explicit Offer(std::vector<NodePtr> available) : workers(std::move(available)) {
+    for (const NodePtr& node : workers) {
+      capabilities.insert(node->capabilities.begin(), node->capabilities.end());
+      models.insert(node->models.begin(), node->models.end());
+    }
+  }
+  bool mayMeet(const TaskRequirements& wanted) const {
+    return (wanted.model.empty() || models.contains(wanted.model)) &&
+           std::all_of(wanted.capabilities.begin(), wanted.capabilities.end(),
+                       [this](const std::string& name) { return capabilities.contains(name); });
+  }
+
+  const std::vector<NodePtr> workers;  // own the texts
+  std::set<std::string_view> capabilities;
+  std::set<std::string_view> models;
+};
 
 struct WorkerPool::Job {
   TaskStatus status;  // the payload is in `body`
@@ -176,7 +197,10 @@ void WorkerPool::dispatch() {
 
 /// Runs the first task for which there is a node. False when there is none.
 bool WorkerPool::dispatchOne() {
-  for (const TaskRequirements& wanted : wantedNodes()) {
+  if (getQueueDepth() == 0) return false;
+  const Offer offer(getAvailableWorkers());
+  if (offer.workers.empty()) return false;
+  for (const TaskRequirements& wanted : wantedOf(offer)) {
     const NodePtr node = balancer_.selectNode(wanted.capabilities, wanted.model, NodeType::kWorker);
     if (node == nullptr) continue;
     const JobPtr job = take(wanted, *node);
@@ -190,14 +214,13 @@ bool WorkerPool::dispatchOne() {
   return false;
 }
 
-/// What the queued tasks require, in the order in which they are to run.
-std::vector<TaskRequirements> WorkerPool::wantedNodes() const {
+/// What the queued tasks require of it, in the order in which they are to run.
+std::vector<TaskRequirements> WorkerPool::wantedOf(const Offer& offer) const {
   std::vector<std::pair<Place, TaskRequirements>> wanted;
   {
     const MutexLock lock(mu_);
-    wanted.reserve(queues_.size());
     for (const auto& [requirements, queue] : queues_) {
-      wanted.emplace_back(queue.begin()->first, requirements);
+      if (offer.mayMeet(requirements)) wanted.emplace_back(queue.begin()->first, requirements);
     }
   }
   std::sort(wanted.begin(), wanted.end());

@@ -75,6 +75,7 @@ class WorkerPool {
 
  private:
   struct Job;
+  struct Offer;
   using JobPtr = std::shared_ptr<Job>;
   /// Higher priorities first, then in order of submission.
   struct Place {
@@ -86,7 +87,7 @@ class WorkerPool {
   std::pair<std::string, std::future<WorkerResult>> enqueue(WorkerTask task) TV_EXCLUDES(mu_);
   void dispatch() TV_EXCLUDES(mu_);
   bool dispatchOne() TV_EXCLUDES(mu_);
-  std::vector<TaskRequirements> wantedNodes() const TV_EXCLUDES(mu_);
+  std::vector<TaskRequirements> wantedOf(const Offer& offer) const TV_EXCLUDES(mu_);
   JobPtr take(const TaskRequirements& requirements, const NodeInfo& node) TV_EXCLUDES(mu_);
   WorkerResult executeOnWorker(const NodeInfo& node, const Job& job) const;
   void handleTaskFailed(const JobPtr& job, TaskState state, std::string error) TV_EXCLUDES(mu_);

@@ -6,6 +6,7 @@
 #include "controller/command_line.h"
 #include "controller/controller_identity.h"
 #include "platform/console.h"
+#include "platform/periodic_task.h"
 
 namespace tavrel::controller {
 namespace {
@@ -97,11 +98,22 @@ void ClusterServices::startGossip(const std::vector<cluster::Endpoint>& peers) {
             " peer(s)");
 }
 
+void ClusterServices::listensAt(int port) {
+  if (manager.getSelfNode().api_port == port) return;
+  manager.setApiPort(port);
+  late_introduction_ = std::jthread([this, port] {
+    platform::nameThisThread("cluster-late");
+    if (gossip != nullptr) gossip->setPort(port);
+    manager.announcePresence();
+  });
+}
+
 void ClusterServices::stop() {
   std::call_once(stopped_, [this] {
     cancelWork();
     if (gossip != nullptr) gossip->stop();
     membership_http.cancelAll();  // probes of nodes that hang
+    if (late_introduction_.joinable()) late_introduction_.join();
     manager.stop();
     worker_pool.stop();
   });

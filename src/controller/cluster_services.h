@@ -3,6 +3,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "cluster/agent_registry.h"
@@ -26,8 +27,8 @@ std::string clusterKey(const Options& options);
 
 /// What exists only while cluster mode is on, in order of creation. Constructing it starts nothing.
 ///
-/// Threads: start belongs to start-up; stop may be called by several, and returns to each when
-/// everything has stopped; hurry and refreshNode by any.
+/// Threads: start and listensAt belong to start-up; stop may be called by several, and returns to
+/// each when everything has stopped; hurry and refreshNode by any.
 struct ClusterServices {
   ClusterServices(const Options& options, const ControllerIdentity& self);
   ~ClusterServices();
@@ -37,6 +38,9 @@ struct ClusterServices {
   /// Joins the seeds and introduces itself to the peers. False, with the reason on standard error,
   /// when one of them is malformed.
   bool start(const std::string& tier_name);
+  /// The server listens, at this port. When that was left to the system (`--port 0`), the others
+  /// are told now, on a thread of its own.
+  void listensAt(int port);
   /// Says good-bye to the peers and leaves.
   void stop();
   /// Makes the calls of start fail at once, for a program that is to end while it still starts.
@@ -66,6 +70,7 @@ struct ClusterServices {
 
   const std::vector<std::string> peers_;
   std::once_flag stopped_;
+  std::jthread late_introduction_;  // last: uses all of the above
 };
 
 }  // namespace tavrel::controller

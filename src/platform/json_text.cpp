@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/text.h"
 
@@ -97,6 +98,16 @@ void appendJsonString(std::string& out, std::string_view text) {
 
 std::string dumpJson(const nlohmann::json& value) {
   return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+void JsonArrayText::add(const nlohmann::json& element) {
+  if (text_.size() > 1) text_ += ',';
+  text_ += dumpJson(element);
+}
+
+std::string JsonArrayText::take() {
+  text_ += ']';
+  return std::move(text_);
 }
 
 }  // namespace tavrel::platform

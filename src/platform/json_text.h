@@ -28,4 +28,16 @@ void appendJsonString(std::string& out, std::string_view text);
 /// The value as compact JSON; text in it that is not UTF-8 is replaced, never raised.
 std::string dumpJson(const nlohmann::json& value);
 
+/// A JSON array that is written element by element: a long one would take ten times the memory as a
+/// document, and the C library keeps much of that.
+class JsonArrayText {
+ public:
+  void add(const nlohmann::json& element);
+  /// The whole array, once.
+  std::string take();
+
+ private:
+  std::string text_ = "[";
+};
+
 }  // namespace tavrel::platform

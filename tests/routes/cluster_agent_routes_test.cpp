@@ -68,7 +68,7 @@ TEST_F(ClusterAgentRoutes, AnAgentIsRegisteredListedAndInvokedOnItsNode) {
   EXPECT_EQ(client.get("/api/v1/cluster/agents").json, (json::array({{{"id", "a"},
                                                                       {"name", "Ann"},
                                                                       {"type", 1},
-                                                                      {"agent_type_id", "coder"},
+                                                                      {"agent_type_id", ""},
                                                                       {"node_id", "self"},
                                                                       {"available", true},
                                                                       {"active_tasks", 0},

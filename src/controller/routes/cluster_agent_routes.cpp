@@ -62,14 +62,13 @@ struct AgentRoutes {
     readField(body, "id", agent.id);
     readField(body, "name", agent.name);
     agent.type = static_cast<cluster::AgentType>(platform::jsonNumberOr(body, "type", 0));
-    agent.agent_type_id = cluster::agentTypeToString(agent.type);
     readField(body, "agent_type_id", agent.agent_type_id);
     readField(body, "node_id", agent.node_id);
     readField(body, "model", agent.model);
     readField(body, "allowed_tools", agent.allowed_tools);
     readField(body, "max_concurrent_tasks", agent.max_concurrent_tasks);
     if (agent.id.empty()) return Response::error(400, "Agent id is required");
-    if (!agents->registerAgent(agent)) return Response::error(503, "Too many agents");
+    if (!agents->registerAgent(agent)) return Response::error(503, "No room for this agent");
     return Response::ok({{"success", true}, {"agent_id", agent.id}});
   }
 

@@ -8,6 +8,7 @@
 #include "cluster/controller_tiers.h"
 #include "cluster/router_registry.h"
 #include "controller/routes/families.h"
+#include "platform/json_text.h"
 #include "platform/text.h"
 #include "worker/typed_worker_registry.h"
 #include "worker/worker_registry.h"
@@ -100,22 +101,26 @@ struct ClusterOverviewRoutes {
   const worker::TypedWorkerRegistries& typed;
 
   Response nodes() const {
-    json nodes = json::array();
-    if (manager != nullptr) nodes = std::move(manager->getClusterStats()["nodes"]);
+    platform::JsonArrayText nodes;
+    if (manager != nullptr) {
+      for (const cluster::NodePtr& node : manager->getAllNodes()) nodes.add(node->toJson());
+    }
     for (const worker::WorkerPtr& worker : workers.snapshot()) {
       const bool online = worker->status == WorkerStatus::kOnline;
-      nodes.push_back({{"worker_id", worker->worker_id},
-                       {"worker_name", worker->worker_name},
-                       {"hostname", worker->hostname},
-                       {"ip_address", worker->ip_address},
-                       {"port", worker->port},
-                       {"type", "worker"},
-                       {"status", online ? "online" : "offline"},
-                       {"os", worker->os},
-                       {"arch", worker->arch},
-                       {"version", worker->version}});
+      nodes.add({{"worker_id", worker->worker_id},
+                 {"worker_name", worker->worker_name},
+                 {"hostname", worker->hostname},
+                 {"ip_address", worker->ip_address},
+                 {"port", worker->port},
+                 {"type", "worker"},
+                 {"status", online ? "online" : "offline"},
+                 {"os", worker->os},
+                 {"arch", worker->arch},
+                 {"version", worker->version}});
     }
-    return Response::ok({{"nodes", std::move(nodes)}});
+    Response response;
+    response.body = "{\"nodes\":" + nodes.take() + '}';
+    return response;
   }
 
   Response status() const {

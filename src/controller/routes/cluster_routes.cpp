@@ -1,5 +1,6 @@
 #include <nlohmann/json.hpp>
 #include <string>
+#include <utility>
 
 #include "api/route_book.h"
 #include "cluster/cluster_manager.h"
@@ -21,13 +22,19 @@ using nlohmann::json;
 
 constexpr std::int32_t kDefaultPeerPort = 8080;
 
+Response written(std::string json_text) {
+  Response response;
+  response.body = std::move(json_text);
+  return response;
+}
+
 struct MembershipRoutes {
   cluster::ClusterManager* manager;
   cluster::NodeRegistry* registry;
 
   Response join(const Request& req) const {
     if (!req.json()) return invalidJsonBody();
-    if (manager != nullptr) return Response::ok(manager->handleJoin(*req.json()));
+    if (manager != nullptr) return written(manager->handleJoin(*req.json()));
     const auto node = cluster::joinedNode(*req.json(), platform::steadyNow());
     if (registry != nullptr && node) registry->registerNode(*node);
     return Response::ok({{"success", true}, {"nodes", json::array()}});
@@ -40,7 +47,7 @@ struct MembershipRoutes {
   }
 
   Response stats() const {
-    return manager == nullptr ? notInitialized() : Response::ok(manager->getClusterStats());
+    return manager == nullptr ? notInitialized() : written(manager->clusterStatsText());
   }
 
   Response self() const {
@@ -58,7 +65,7 @@ struct GossipRoutes {
     if (gossip == nullptr) return notEnabled();
     if (!req.json()) return invalidJsonBody();
     const auto message = cluster::GossipMessage::fromJson(*req.json());
-    return Response::ok(gossip->handleMessage(message).toJson());
+    return written(gossip->handleMessage(message).toText());
   }
 
   Response stats() const {

@@ -249,6 +249,12 @@ TEST(AuthMiddleware, EveryKeyAndTokenHasItsOwnWindow) {
                      }),
               ElementsAre("429 Rate limit exceeded"));
   EXPECT_EQ(gate.askWithKey(kAdminKey).status, 200);
+  // Of many nodes that share a key none may take another for dead because of it.
+  EXPECT_THAT(repeat(2000,
+                     [&] {
+                       return gate.ask("/gossip", {{"X-API-Key", key}});
+                     }),
+              ElementsAre());
 
   AuthConfig config = withAdmin();
   config.rate_limit_enabled = false;

@@ -114,7 +114,7 @@ TEST_F(AgentRegistryTest, FailuresAreToldByTheResult) {
   invocation.preferred_type = static_cast<AgentType>(77);
   EXPECT_EQ(agents.invoke(invocation).error, "No available agent for type: unknown");
   invocation.agent_id = "nobody";
-  EXPECT_EQ(agents.invoke(invocation).error, "Agent not found: nobody");
+  EXPECT_EQ(agents.invoke(invocation).error, "No available agent for type: unknown");
 
   invocation.agent_id = "general";
   EXPECT_EQ(agents.invoke(invocation).error, "Couldn't connect to server");
@@ -131,6 +131,16 @@ TEST_F(AgentRegistryTest, FailuresAreToldByTheResult) {
   EXPECT_EQ(agents.invoke(invocation).error, "Agent node not found: host");
   EXPECT_EQ(agents.getAgent("general")->active_tasks, 0);
   EXPECT_EQ(agents.getStats()["successful_invocations"], 0);
+}
+
+TEST_F(AgentRegistryTest, WhatCallersSendIsKeptWithinBounds) {
+  RemoteAgent endless = anAgent("a");
+  endless.allowed_tools.assign(1000, "tool");
+  EXPECT_FALSE(agents.registerAgent(endless));
+  EXPECT_TRUE(agents.registerAgent(anAgent("a")));
+  const std::string session(AgentRegistry::kMaxIdBytes + 1, 's');
+  EXPECT_TRUE(agents.selectAgentForSession(session, AgentType::kGeneral));
+  EXPECT_EQ(agents.getStats()["active_sessions"], 0);
 }
 
 TEST(LlmPool, OffersTheModelsOfLanguageModelNodesAndFailsOver) {

@@ -206,9 +206,51 @@ TEST_F(ManagerTest, AnnouncesToAllAndTriesLostSeedsAgain) {
   EXPECT_EQ(pathsCalled().front(), "10.0.0.5:1/cluster/join");
 }
 
+TEST_F(ManagerTest, APortLearnedLateIsToldToEverybody) {
+  config.discovery_port = 0;
+  config.seed_nodes = {"10.0.0.5:1", "10.0.0.6"};
+  const json joined = {{"nodes", {member("a")}}, {"self", member("seed", 1)}};
+  join_answer = {"", 200, joined.dump()};
+  manager().start();
+  world.transport.take();
+  manager().setApiPort(9999);
+  EXPECT_EQ(registry.getNode("self")->api_port, 9999);
+  json alias = member("former");
+  alias["address"] = "10.0.0.1";
+  alias["api_port"] = 9999;
+  manager().handleJoin(alias);
+  EXPECT_EQ(registry.getNode("former"), nullptr);
+  manager().announcePresence();
+  const auto calls = world.transport.take();
+  ASSERT_EQ(calls.size(), 4u);
+  EXPECT_EQ(calls[1].to.text() + calls[1].path, "10.0.0.6:9999/cluster/join");
+  for (const ClusterCall& call : calls) EXPECT_EQ(json::parse(call.body)["api_port"], 9999);
+}
+
+TEST_F(ManagerTest, WhoeverAnsweredIsCalledFirstAndAPlaceOnceForAllThatAreThere) {
+  manager().handleJoin(member("dead", 1));
+  manager().handleJoin(member("z", 7));
+  manager();
+  world.transport.answerWith([](const ClusterCall& call) {
+    return call.to.port == 7 ? ClusterAnswer{"", 200, "{}"} : ClusterAnswer{"refused", 0, {}};
+  });
+  manager().checkAllNodesHealth();
+  for (const char* id : {"same1", "same2", "same3"}) manager().handleAnnounce(member(id, 7));
+  pathsCalled();
+  manager().checkAllNodesHealth();
+  manager().checkAllNodesHealth();
+  const std::string live = "10.0.0.9:7/api/v1/health";
+  const std::string dead = "10.0.0.9:1/api/v1/health";
+  EXPECT_THAT(pathsCalled(), ElementsAre(live, dead, live, dead));
+  EXPECT_EQ(registry.getNode("same2")->consecutive_successes, 2);
+  manager().announcePresence();
+  EXPECT_THAT(pathsCalled(),
+              ElementsAre("10.0.0.9:7/cluster/announce", "10.0.0.9:1/cluster/announce"));
+}
+
 TEST_F(ManagerTest, OthersCannotWriteTheOwnRecord) {
   manager().start();
-  const json answer = manager().handleJoin(member("self", 666));
+  const json answer = json::parse(manager().handleJoin(member("self", 666)));
   manager().handleAnnounce(member("self", 666));
   json alias = member("former");
   alias["address"] = "10.0.0.1";

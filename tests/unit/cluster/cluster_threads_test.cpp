@@ -27,9 +27,9 @@ class Trio : public ClusterTransport {
     Node& node = *nodes_[static_cast<std::size_t>(call.to.port - 1)];
     if (call.path == "/api/v1/health") return {"", 200, R"({"active_jobs": 1})"};
     const json body = json::parse(call.body);
-    if (call.path == "/cluster/join") return {"", 200, node.manager.handleJoin(body).dump()};
+    if (call.path == "/cluster/join") return {"", 200, node.manager.handleJoin(body)};
     if (call.path == "/gossip") {
-      return {"", 200, node.gossip.handleMessage(GossipMessage::fromJson(body)).toJson().dump()};
+      return {"", 200, node.gossip.handleMessage(GossipMessage::fromJson(body)).toText()};
     }
     node.manager.handleAnnounce(body);
     return {"", 200, "{}"};

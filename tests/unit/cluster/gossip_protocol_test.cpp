@@ -164,8 +164,9 @@ TEST_F(GossipTest, MergeKeepsWhatIsKnownBetter) {
   EXPECT_EQ(registry.getNode("healthy")->consecutive_failures, 2);
 
   EXPECT_EQ(reply.type, Type::SYNC_RESPONSE);
-  EXPECT_EQ(reply.payload["nodes"].size(), 5u);  // as it was, and the own record
-  EXPECT_EQ(reply.payload["nodes"][0]["id"], "self");
+  const json payload = reply.toJson()["payload"];
+  EXPECT_EQ(payload["nodes"].size(), 5u);  // as it was, and the own record
+  EXPECT_EQ(payload["nodes"][0]["id"], "self");
 }
 
 TEST_F(GossipTest, SingleChangesAreTakenOver) {
@@ -267,6 +268,34 @@ TEST_F(GossipTest, HeartbeatsReachThreeThatAreNotLongDead) {
   EXPECT_EQ(heartbeats(), 3);
   world.now += seconds(30);
   EXPECT_EQ(heartbeats(), 0);
+}
+
+TEST_F(GossipTest, WhoAnsweredIsPingedBeforeThoseThatDidNot) {
+  for (int port = 1; port <= 3; ++port) gossip.addPeer("10.0.0.2", port);
+  world.transport.answerWith([](const ClusterCall& call) {
+    return call.to.port == 2 ? answered(Type::ACK, "10.0.0.2:2") : ClusterAnswer{"hangs", 0, {}};
+  });
+  gossip.gossipPass();
+  world.transport.take();
+  gossip.gossipPass();
+  std::vector<int> pinged;
+  for (const ClusterCall& call : world.transport.take()) {
+    if (json::parse(call.body)["type"] == static_cast<int>(Type::PING)) {
+      pinged.push_back(call.to.port);
+    }
+  }
+  EXPECT_THAT(pinged, ElementsAre(2, 1, 3));
+}
+
+TEST_F(GossipTest, APortLearnedLateIsToldToThePeers) {
+  world.transport.answerWith([](const ClusterCall&) { return answered(Type::ACK, "b"); });
+  gossip.addPeer("10.0.0.2", 8080);
+  world.transport.take();
+  gossip.setPort(9999);
+  const auto calls = world.transport.take();
+  ASSERT_EQ(calls.size(), 2u);  // an introduction and a sync
+  for (const ClusterCall& call : calls) EXPECT_EQ(json::parse(call.body)["sender_port"], 9999);
+  EXPECT_EQ(peers(), "b=2 ");
 }
 
 TEST_F(GossipTest, AnswersThatAreNoGossipCountAsNone) {

@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "cluster/node_reader.h"
+#include "platform/json_text.h"
 
 namespace tavrel::cluster {
 namespace {
@@ -133,11 +134,16 @@ TEST(NodeRegistry, AProcessHasOneRecord) {
   EXPECT_FALSE(registry.isOwnNode(aNode("other")));
 }
 
-TEST(NodeRegistry, IsBounded) {
+TEST(NodeRegistry, IsBoundedSoThatAllOfItCanBeReadByAnother) {
   NodeRegistry registry;
+  std::string all = "[";
   for (std::size_t i = 0; i < NodeRegistry::kMaxNodes; ++i) {
-    registry.registerNode(aNode(std::to_string(i)));
+    NodeInfo node = aNode(std::to_string(i));
+    node.api_port = static_cast<std::int32_t>(i + 1);
+    all += (i == 0 ? "" : ",") + node.toJson().dump();
+    registry.registerNode(std::move(node));
   }
+  EXPECT_TRUE(platform::jsonWithinLimits(all + "]", platform::kMaxForeignJsonDepth));
   EXPECT_FALSE(registry.registerNode(aNode("more")));
   EXPECT_TRUE(registry.registerNode(aNode("7")));
   EXPECT_EQ(registry.nodeCount(), NodeRegistry::kMaxNodes);
@@ -171,6 +177,8 @@ TEST(NodeReader, ImpossibleRecordsAreRefused) {
   EXPECT_FALSE(joinedNode({{"hostname", "h"}}, kNow));
   EXPECT_FALSE(joinedNode({{"id", std::string(257, 'x')}}, kNow));
   EXPECT_FALSE(gossipedNode({{"id", "a"}, {"models", json(1001, "m")}}, NodeDetail::kFull));
+  EXPECT_FALSE(gossipedNode({{"id", "a"}, {"capabilities", json(150, std::string(250, 'x'))}},
+                            NodeDetail::kFull));
   EXPECT_THROW(joinedNode({{"id", "a"}, {"port", "80"}}, kNow), json::exception);
   EXPECT_THROW(joinedNode(json::array(), kNow), json::exception);
   EXPECT_EQ(joinedNode({{"id", "a"}, {"port", 1e300}}, kNow)->port,

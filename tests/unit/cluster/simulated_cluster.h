@@ -233,14 +233,13 @@ class SimulatedCluster {
     if (run == nullptr) return {"Couldn't connect to server", 0, {}};
     if (call.path == "/api/v1/health") return {"", 200, R"({"status":"ok"})"};
     const json body = json::parse(call.body);
-    if (call.path == "/cluster/join") return {"", 200, run->manager.handleJoin(body).dump()};
+    if (call.path == "/cluster/join") return {"", 200, run->manager.handleJoin(body)};
     if (call.path == "/cluster/announce") {
       run->manager.handleAnnounce(body);
       return {"", 200, "{}"};
     }
     if (nodes_[to]->options.peers.empty()) return {"", 503, "{}"};
-    return {"", 200,
-            run->gossip.handleMessage(cluster::GossipMessage::fromJson(body)).toJson().dump()};
+    return {"", 200, run->gossip.handleMessage(cluster::GossipMessage::fromJson(body)).toText()};
   }
 
   std::mt19937_64 random_;
