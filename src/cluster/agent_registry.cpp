@@ -19,7 +19,6 @@ using platform::MutexLock;
 
 namespace {
 
-constexpr std::chrono::milliseconds kConnectTimeout{5000};
 constexpr const char* kTypeNames[] = {"general", "coder",    "explorer", "planner", "searcher",
                                       "runner",  "database", "network",  "learner"};
 

@@ -12,6 +12,9 @@ class HttpClient;
 
 namespace tavrel::cluster {
 
+/// How long a connection to another node may take.
+constexpr std::chrono::milliseconds kConnectTimeout{5000};
+
 /// Where a node listens: a host name or numeric address, and a port.
 struct Endpoint {
   std::string host;

@@ -25,7 +25,6 @@ namespace {
 
 constexpr std::array<std::string_view, 3> kTierTexts{"primary", "secondary", "tertiary"};
 constexpr std::int32_t kPlainHttpPort = 80;
-constexpr std::chrono::seconds kCallConnectTimeout{5};
 constexpr std::chrono::seconds kProbeTimeout{5};
 constexpr std::chrono::seconds kCapabilitiesTimeout{3};
 constexpr std::chrono::seconds kJobTimeout{30};
@@ -153,7 +152,7 @@ net::HttpResult ControllerTiers::post(const std::string& url, const json& body,
   ControllerCall call;
   call.url = url;
   call.body = platform::dumpJson(body);
-  call.timeouts = {kCallConnectTimeout, total};
+  call.timeouts = {kConnectTimeout, total};
   return env_.transport.send(call);
 }
 

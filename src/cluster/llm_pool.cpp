@@ -10,8 +10,6 @@
 namespace tavrel::cluster {
 namespace {
 
-constexpr std::chrono::milliseconds kConnectTimeout{5000};
-
 /// One more for the length of a scope.
 class Counted {
  public:

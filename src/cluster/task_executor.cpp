@@ -5,6 +5,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "cluster/cluster_transport.h"
 #include "cluster/node_info.h"
 #include "cluster/worker_task.h"
 #include "net/http_client.h"
@@ -19,7 +20,6 @@ namespace {
 using nlohmann::json;
 using std::chrono::milliseconds;
 
-constexpr milliseconds kConnectTimeout{5000};
 constexpr milliseconds kListTimeout{10'000};
 
 json success(json result, const std::string& output) {

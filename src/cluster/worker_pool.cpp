@@ -20,7 +20,6 @@ using std::chrono::milliseconds;
 
 namespace {
 
-constexpr milliseconds kConnectTimeout{5000};
 constexpr std::int32_t kNeverRan = -1;
 
 double millisecondsBetween(platform::SteadyTime from, platform::SteadyTime to) {

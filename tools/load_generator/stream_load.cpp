@@ -15,7 +15,7 @@
 namespace tavrel::load {
 namespace {
 
-constexpr int kWaitMs = 100;
+constexpr int kPollMs = 100;
 constexpr std::size_t kReadBytes = 65536;
 constexpr std::string_view kDone = "data: [DONE]";
 constexpr std::string_view kEvent = "data: ";
@@ -120,7 +120,7 @@ nlohmann::json runStream(Options& options) {
       --open;
     }
   };
-  while (open > 0 && platform::steadyNow() - begin < limit) epoll.wait(kWaitMs, handle);
+  while (open > 0 && platform::steadyNow() - begin < limit) epoll.wait(kPollMs, handle);
   return report(streams, script.events, platform::millisecondsSince(begin) / 1000);
 }
 
