@@ -190,6 +190,7 @@ bool startServer(Services& services, const Options& options) {
     g_shutdown_requested = true;
     return false;
   }
+  if (services.cluster != nullptr) services.cluster->listensAt(services.server.getPort());
   if (options.port == 0) {
     printLine("[Controller] Listening on " + address + std::to_string(services.server.getPort()));
   }
