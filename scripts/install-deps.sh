@@ -8,7 +8,7 @@ build_packages=(g++ cmake ninja-build pkg-config ccache lld libcpp-httplib-dev n
   libcurl4-openssl-dev libsqlite3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev)
 run_packages=(curl)
 test_packages=(curl ca-certificates git clang clang-tidy clang-format libclang-rt-14-dev
-  openssl python3-aiosmtpd)
+  openssl python3-aiosmtpd iproute2)
 bench_packages=(curl python3 nginx haproxy wrk)
 # Wanted for one program each, which may also have come from elsewhere: program, package.
 test_programs=(node nodejs npm npm promtool prometheus)

@@ -223,6 +223,7 @@ bool startServer(Services& services, const Options& options) {
   }
   const int port = services.server.getPort();
   if (options.port == 0) printLine("[Controller] Listening on " + address + std::to_string(port));
+  if (services.cluster != nullptr) services.cluster->listensAt(port);
   services.hierarchy->startCalls(port);
   return true;
 }

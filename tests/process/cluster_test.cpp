@@ -5,34 +5,28 @@
 #include <csignal>
 #include <map>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
 
 #include "platform/clock.h"
-#include "process/controller_process.h"
+#include "process/cluster_process.h"
 #include "support/mock_peer.h"
 
 namespace tavrel::test {
 namespace {
 
 using namespace std::chrono_literals;
-using nlohmann::json;
 using testing::ElementsAre;
 using testing::HasSubstr;
-
-constexpr const char* kKey = "key-of-the-cluster";
 
 /// Controllers a, b and c on ports of their own: a is b's seed, a and c are each other's peers.
 struct ThreeControllers {
   std::unique_ptr<Controller> start(const std::string& id, std::vector<std::string> more) {
-    more.insert(more.end(), {"--node-id", id, "--api-key", kKey, "--require-auth"});
-    return std::make_unique<Controller>(
-        std::move(more), Process::Environment{{"TAVREL_CLUSTER_KEY", kKey}}, ports.at(id));
+    return startMember(id, ports.at(id), std::move(more));
   }
   void startA() { a = start("a", {"--peer", at("c")}); }
   void startB() { b = start("b", {"--seed", at("a")}); }
-  void startC() { c = start("c", {"--peer", at("a"), "--advertise", "127.0.0.1"}); }
+  void startC() { c = start("c", {"--peer", at("a"), "--advertise", "localhost"}); }
 
   std::string at(const std::string& id) const {
     return "127.0.0.1:" + std::to_string(ports.at(id));
@@ -44,19 +38,6 @@ struct ThreeControllers {
   std::unique_ptr<Controller> c;
 };
 
-/// The other nodes a controller knows, with their status.
-std::map<std::string, int> othersOf(const Controller& controller, const std::string& self) {
-  const std::string answer =
-      controller.get("/api/v1/cluster/stats", "X-API-Key: " + std::string(kKey) + "\r\n");
-  const json stats = json::parse(answer.substr(answer.find("\r\n\r\n") + 4), nullptr, false);
-  std::map<std::string, int> found;
-  if (!stats.is_object() || !stats.contains("nodes")) return found;
-  for (const json& node : stats["nodes"]) {
-    if (node["id"] != self) found[node["id"]] = node["status"];
-  }
-  return found;
-}
-
 template <class Condition>
 bool within(std::chrono::seconds limit, Controller& controller, Condition condition) {
   const auto end = platform::steadyNow() + limit;
@@ -65,11 +46,6 @@ bool within(std::chrono::seconds limit, Controller& controller, Condition condit
     controller.process().waitForLine("never printed", 50ms);
   }
   return true;
-}
-
-void kill(Controller& controller) {
-  controller.process().signal(SIGKILL);
-  controller.process().waitForExit(5s);
 }
 
 TEST(ClusterProcess, ControllersFindLoseAndFindEachOther) {
@@ -82,6 +58,8 @@ TEST(ClusterProcess, ControllersFindLoseAndFindEachOther) {
   // Only a told them of each other.
   EXPECT_TRUE(within(10s, *three.c, [&] { return othersOf(*three.c, "c").contains("b"); }));
   EXPECT_TRUE(three.c->process().waitForLine("Gossip protocol started with 1 peer(s)", 1s));
+  EXPECT_THAT(three.a->get("/api/v1/cluster/stats", "X-API-Key: " + kClusterKey + "\r\n"),
+              HasSubstr(R"("address":"localhost")"));
 
   kill(*three.b);
   kill(*three.c);
@@ -99,6 +77,22 @@ TEST(ClusterProcess, ControllersFindLoseAndFindEachOther) {
   three.c->process().signal(SIGTERM);
   EXPECT_TRUE(three.a->process().waitForLine("[Gossip] Peer left: c", 5s));
   EXPECT_EQ(three.c->process().waitForExit(5s), 0);
+}
+
+TEST(ClusterProcess, WhoeverListensOnAnyPortTellsTheOthersWhich) {
+  ThreeControllers three;
+  three.startA();
+  const auto any = startMember("any", 0, {"--seed", three.at("a"), "--peer", three.at("a")});
+  const std::string key = "X-API-Key: " + kClusterKey + "\r\n";
+  const auto a_tells = [&](const std::string& path, const std::string& text) {
+    return three.a->get(path, key).find(text) != std::string::npos;
+  };
+  const std::string port = std::to_string(any->port());
+  EXPECT_TRUE(within(5s, *three.a, [&] {
+    return a_tells("/api/v1/cluster/stats", "\"api_port\":" + port) &&
+           a_tells("/api/v1/cluster/gossip/peers", "\"id\":\"any\",\"port\":" + port);
+  }));
+  EXPECT_EQ(othersOf(*three.a, "a"), (std::map<std::string, int>{{"any", 2}}));
 }
 
 TEST(ClusterProcess, AStrangerWithoutTheKeyStaysOutside) {

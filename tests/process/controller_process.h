@@ -64,7 +64,8 @@ class Controller {
 
  private:
   static std::vector<std::string> with(std::vector<std::string> arguments, int port) {
-    arguments.insert(arguments.end(), {"--bind", "127.0.0.1", "--port", std::to_string(port)});
+    // Of an option that is given twice the last counts.
+    arguments.insert(arguments.begin(), {"--bind", "127.0.0.1", "--port", std::to_string(port)});
     return arguments;
   }
 

@@ -1,10 +1,14 @@
 #!/usr/bin/env python3
-"""Runs the walk of docs/security.md as it stands and compares the answers that it shows.
+"""Runs a walk of the documentation as it stands and compares the answers that it shows.
 
-Usage: security_walk.py SECURITY_MD BUILD_DIRECTORY
+Usage: document_walk.py DOCUMENT HEADING BUILD_DIRECTORY
+
+The walk is what follows the heading up to the next one of its level: blocks of commands, each
+followed by one with their answers.
 """
 
 import os
+import random
 import re
 import signal
 import socket
@@ -13,13 +17,14 @@ import sys
 import tempfile
 from pathlib import Path
 
-TIME_LIMIT_S = 120
-HEADING = "## From an empty machine to a controller with accounts"
+TIME_LIMIT_S = 240
+PORTS = 3  # a walk may use PORT and as many as this from there
 
 
-def steps(document):
+def steps(document, heading):
     """The commands of the walk, each with the lines shown as its answer."""
-    blocks = re.findall(r"^```(sh|text)\n(.*?)^```$", document.split(HEADING)[1], re.M | re.S)
+    walk = re.split(r"^## ", document.split(f"\n## {heading}\n")[1], flags=re.M)[0]
+    blocks = re.findall(r"^```(sh|text)\n(.*?)^```$", walk, re.M | re.S)
     kinds = [kind for kind, _ in blocks]
     # Commands without an answer belong into the block before them.
     by_turns = ["sh", "text"] * (len(kinds) // 2)
@@ -28,10 +33,22 @@ def steps(document):
     return list(zip(texts[::2], texts[1::2]))
 
 
-def free_port():
+def is_free(port):
     with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
+        try:
+            probe.bind(("127.0.0.1", port))
+        except OSError:
+            return False
+    return True
+
+
+def free_ports():
+    """The first of some free ports in a row."""
+    while True:
+        # Below those that the system gives to whoever asks for any.
+        first = random.randrange(10000, 30000)
+        if all(is_free(first + i) for i in range(PORTS)):
+            return first
 
 
 def run(walk, build, home):
@@ -40,7 +57,7 @@ def run(walk, build, home):
     (home / "build/release").symlink_to(build)
     parts = [f"exec >{home}/answer.{i} 2>&1\n{commands}" for i, (commands, _) in enumerate(walk)]
     environment = {"HOME": str(home), "TMPDIR": str(home), "PATH": os.environ["PATH"],
-                   "PORT": str(free_port())}
+                   "PORT": str(free_ports())}
     environment.update({k: v for k, v in os.environ.items() if k.endswith("SAN_OPTIONS")})
     shell = subprocess.Popen(["bash", "-euo", "pipefail", "-c", "\n".join(parts)], cwd=home,
                              env=environment, start_new_session=True)
@@ -69,8 +86,8 @@ def differences(shown, answer):
 
 
 def main():
-    document, build = Path(sys.argv[1]).read_text(), Path(sys.argv[2]).resolve()
-    walk = steps(document)
+    document, build = Path(sys.argv[1]).read_text(), Path(sys.argv[3]).resolve()
+    walk = steps(document, sys.argv[2])
     with tempfile.TemporaryDirectory() as directory:
         answers, status = run(walk, build, Path(directory))
     failed = status != 0
