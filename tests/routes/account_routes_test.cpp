@@ -13,7 +13,7 @@ namespace {
 using nlohmann::json;
 using testing::HasSubstr;
 
-const std::string kAuth = "/api/v1/auth/";
+const std::string kAuthPath = "/api/v1/auth/";
 
 class OwnAccountRoutesTest : public testing::Test {
  protected:
@@ -21,7 +21,7 @@ class OwnAccountRoutesTest : public testing::Test {
 };
 
 TEST_F(OwnAccountRoutesTest, TheFirstAccountEndsTheSetup) {
-  EXPECT_EQ(server_.get(kAuth + "setup-status").body, R"({"first_time_setup":true})");
+  EXPECT_EQ(server_.get(kAuthPath + "setup-status").body, R"({"first_time_setup":true})");
   const AccountReply made = server_.registerUser("ada@lab.org");
   EXPECT_EQ(made.status, 201);
   EXPECT_EQ(made.json["message"], "Cluster administrator account created.");
@@ -30,7 +30,7 @@ TEST_F(OwnAccountRoutesTest, TheFirstAccountEndsTheSetup) {
     EXPECT_FALSE(made.json.value(member, "").empty()) << member;
   }
   EXPECT_FALSE(made.json.contains("org_id"));
-  EXPECT_EQ(server_.get(kAuth + "setup-status").body, R"({"first_time_setup":false})");
+  EXPECT_EQ(server_.get(kAuthPath + "setup-status").body, R"({"first_time_setup":false})");
 
   const AccountReply second = server_.registerUser("bob@lab.org");
   EXPECT_EQ(second.json["message"], "Account created and approved.");
@@ -41,7 +41,7 @@ TEST_F(OwnAccountRoutesTest, TheFirstAccountEndsTheSetup) {
   EXPECT_FALSE(stranger.json.contains("api_key"));
   EXPECT_TRUE(stranger.json.contains("verify_token"));
   const AccountReply founder =
-      server_.post(kAuth + "register", json::parse(R"({"email": "olga@acme.org",
+      server_.post(kAuthPath + "register", json::parse(R"({"email": "olga@acme.org",
           "password": "password1", "registration_type": "user_organization",
           "org_name": "Acme"})"));
   EXPECT_EQ(founder.json["message"], "Organization and administrator account created.");
@@ -97,14 +97,14 @@ TEST_F(OwnAccountRoutesTest, RefusalsNameWhatIsMissing) {
        "401 Current password is incorrect"},
   };
   for (const Case& one : cases) {
-    EXPECT_EQ(server_.post(kAuth + one.path, one.body, server_.signedIn(token)).refusal(),
+    EXPECT_EQ(server_.post(kAuthPath + one.path, one.body, server_.signedIn(token)).refusal(),
               one.refusal)
         << one.path << ' ' << one.body;
   }
-  EXPECT_EQ(server_.post(kAuth + "change-password", json::object()).refusal(),
+  EXPECT_EQ(server_.post(kAuthPath + "change-password", json::object()).refusal(),
             "401 Not authenticated");
-  EXPECT_EQ(server_.get(kAuth + "session").refusal(), "401 Invalid or expired session");
-  EXPECT_EQ(server_.get(kAuth + "me").status, 401);
+  EXPECT_EQ(server_.get(kAuthPath + "session").refusal(), "401 Invalid or expired session");
+  EXPECT_EQ(server_.get(kAuthPath + "me").status, 401);
 }
 
 TEST_F(OwnAccountRoutesTest, ASessionLastsUntilLogout) {
@@ -122,23 +122,23 @@ TEST_F(OwnAccountRoutesTest, ASessionLastsUntilLogout) {
   for (const httplib::Headers& headers :
        {httplib::Headers{{"X-Session-Token", token}}, httplib::Headers{{"Authorization", bearer}},
         httplib::Headers{{"Cookie", cookie}}}) {
-    const AccountReply session = server_.get(kAuth + "session", headers);
+    const AccountReply session = server_.get(kAuthPath + "session", headers);
     EXPECT_EQ(session.json["valid"], true);
     EXPECT_EQ(session.json["session"]["email"], "ada@lab.org");
     EXPECT_EQ(session.json["user"]["id"], session.json["session"]["user_id"]);
-    EXPECT_EQ(server_.get(kAuth + "me", headers).json["email"], "ada@lab.org");
-    const json info = server_.get(kAuth + "info", headers).json;
+    EXPECT_EQ(server_.get(kAuthPath + "me", headers).json["email"], "ada@lab.org");
+    const json info = server_.get(kAuthPath + "info", headers).json;
     EXPECT_EQ(info["user"]["role"], "cluster_admin");
     EXPECT_EQ(info["authenticated"], true);
   }
-  const json by_key = server_.get(kAuth + "me", {{"X-API-Key", AccountServer::kAdminKey}}).json;
+  const json by_key = server_.get(kAuthPath + "me", {{"X-API-Key", AccountServer::kAdminKey}}).json;
   EXPECT_EQ(by_key["id"], "Admin Key");
 
-  const AccountReply logout = server_.postText(kAuth + "logout", "", {{"Cookie", cookie}});
+  const AccountReply logout = server_.postText(kAuthPath + "logout", "", {{"Cookie", cookie}});
   EXPECT_EQ(logout.status, 200);
   EXPECT_EQ(logout.header("Set-Cookie"), "tavrel_session=; Path=/; HttpOnly; Max-Age=0");
-  EXPECT_EQ(server_.get(kAuth + "session", {{"Cookie", cookie}}).status, 401);
-  EXPECT_EQ(server_.postText(kAuth + "logout", "").status, 200);
+  EXPECT_EQ(server_.get(kAuthPath + "session", {{"Cookie", cookie}}).status, 401);
+  EXPECT_EQ(server_.postText(kAuthPath + "logout", "").status, 200);
 }
 
 TEST_F(OwnAccountRoutesTest, ASessionAloneOpensWhatIsForPeople) {
@@ -167,14 +167,14 @@ TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
   const std::string two = server_.login("ada@lab.org").json["token"];
   const std::string bob = server_.registerUser("bob@lab.org").json["token"];
   EXPECT_EQ(server_
-                .post(kAuth + "change-password",
+                .post(kAuthPath + "change-password",
                       {{"old_password", "password1"}, {"new_password", "password2"}},
                       server_.signedIn(one))
                 .body,
             R"({"status":"password_changed"})");
-  EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(one)).status, 401);
-  EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(two)).status, 401);
-  EXPECT_EQ(server_.get(kAuth + "session", server_.signedIn(bob)).status, 200);
+  EXPECT_EQ(server_.get(kAuthPath + "session", server_.signedIn(one)).status, 401);
+  EXPECT_EQ(server_.get(kAuthPath + "session", server_.signedIn(two)).status, 401);
+  EXPECT_EQ(server_.get(kAuthPath + "session", server_.signedIn(bob)).status, 200);
   EXPECT_EQ(server_.login("ada@lab.org").status, 401);
   EXPECT_EQ(server_.login("ada@lab.org", "password2").status, 200);
 }
@@ -182,7 +182,7 @@ TEST_F(OwnAccountRoutesTest, AChangedPasswordSignsOutEverywhere) {
 TEST_F(OwnAccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped) {
   server_.registerUser("ada@lab.org");
   const std::string evil = "<script>alert(1)</script>\"'&@far.org";
-  const std::string path = kAuth + "verify-email?token=" +
+  const std::string path = kAuthPath + "verify-email?token=" +
                            server_.registerUser(evil).json["verify_token"].get<std::string>();
   const AccountReply page = server_.get(path);
   EXPECT_EQ(page.header("Content-Type"), "text/html");
@@ -194,12 +194,13 @@ TEST_F(OwnAccountRoutesTest, ALinkVerifiesOnceAndItsPageRunsNothingThatWasTyped)
   EXPECT_THAT(page.body, testing::Not(HasSubstr("<script")));
   EXPECT_THAT(server_.get(path).body,
               HasSubstr("This verification link has expired or was already used."));
-  EXPECT_THAT(server_.get(kAuth + "verify-email").body, HasSubstr("Missing Token</h1>"));
+  EXPECT_THAT(server_.get(kAuthPath + "verify-email").body, HasSubstr("Missing Token</h1>"));
   server_.store->storeToken("orphan", "usr_gone", "verify_email", 60);
-  EXPECT_THAT(server_.get(kAuth + "verify-email?token=orphan").body, HasSubstr("User Not Found"));
+  EXPECT_THAT(server_.get(kAuthPath + "verify-email?token=orphan").body,
+              HasSubstr("User Not Found"));
 
   const std::string token = server_.registerUser("bob@lab.org").json["verify_token"];
-  EXPECT_EQ(server_.post(kAuth + "verify-email", {{"token", token}}).body,
+  EXPECT_EQ(server_.post(kAuthPath + "verify-email", {{"token", token}}).body,
             R"({"email":"bob@lab.org","status":"verified"})");
   EXPECT_TRUE(server_.store->findByEmail("bob@lab.org")->email_verified);
 }
@@ -208,7 +209,7 @@ TEST_F(OwnAccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
   server_.registerUser("ada@lab.org");
   const auto forgotten = [&](const char* email) {
     testing::internal::CaptureStdout();
-    const AccountReply reply = server_.post(kAuth + "forgot-password", {{"email", email}});
+    const AccountReply reply = server_.post(kAuthPath + "forgot-password", {{"email", email}});
     return std::pair(testing::internal::GetCapturedStdout(), reply.body);
   };
   const std::string first = forgotten("ada@lab.org").first;
@@ -218,18 +219,20 @@ TEST_F(OwnAccountRoutesTest, AForgottenPasswordIsResetThroughThePage) {
   const std::string intro = "[Auth] Password reset token for ada@lab.org: ";
   ASSERT_EQ(line.size(), intro.size() + 65);
   const std::string token = line.substr(intro.size(), 64);
-  EXPECT_THAT(server_.get(kAuth + "reset-password?token=" + first.substr(intro.size(), 64)).body,
-              HasSubstr("This reset link has expired or was already used."));
+  EXPECT_THAT(
+      server_.get(kAuthPath + "reset-password?token=" + first.substr(intro.size(), 64)).body,
+      HasSubstr("This reset link has expired or was already used."));
 
-  const AccountReply form = server_.get(kAuth + "reset-password?token=" + token);
+  const AccountReply form = server_.get(kAuthPath + "reset-password?token=" + token);
   EXPECT_THAT(form.body, HasSubstr("<title>Reset Password - Tavrel</title>"));
   EXPECT_THAT(form.body, HasSubstr("data-token=\"" + token + "\""));
-  EXPECT_THAT(server_.get(kAuth + "reset-password").body, HasSubstr("No reset token provided."));
+  EXPECT_THAT(server_.get(kAuthPath + "reset-password").body,
+              HasSubstr("No reset token provided."));
   EXPECT_EQ(
-      server_.post(kAuth + "reset-password", {{"token", token}, {"new_password", "password2"}})
+      server_.post(kAuthPath + "reset-password", {{"token", token}, {"new_password", "password2"}})
           .body,
       R"({"status":"password_reset"})");
-  EXPECT_THAT(server_.get(kAuth + "reset-password?token=" + token).body,
+  EXPECT_THAT(server_.get(kAuthPath + "reset-password?token=" + token).body,
               HasSubstr("This reset link has expired or was already used."));
   EXPECT_EQ(server_.login("ada@lab.org", "password2").status, 200);
 }
@@ -238,24 +241,26 @@ TEST(OwnAccountRoutesWithoutAccounts, SayThatThereAreNone) {
   const AccountServer off("admin", false);
   EXPECT_EQ(off.registerUser("a@b.org").refusal(), "403 Registration requires --auth-mode full");
   EXPECT_EQ(off.login("a@b.org").refusal(), "403 Login requires --auth-mode full");
-  EXPECT_EQ(off.get(kAuth + "setup-status").body, R"({"first_time_setup":false})");
-  EXPECT_EQ(off.get(kAuth + "info").body, R"({"auth_mode":"admin","authenticated":false})");
-  EXPECT_EQ(off.get(kAuth + "me", {{"X-API-Key", AccountServer::kAdminKey}}).json["type"], "admin");
+  EXPECT_EQ(off.get(kAuthPath + "setup-status").body, R"({"first_time_setup":false})");
+  EXPECT_EQ(off.get(kAuthPath + "info").body, R"({"auth_mode":"admin","authenticated":false})");
+  EXPECT_EQ(off.get(kAuthPath + "me", {{"X-API-Key", AccountServer::kAdminKey}}).json["type"],
+            "admin");
 
   const AccountServer broken("full", false);
   const std::string missing = "503 User store not initialized";
   EXPECT_EQ(broken.registerUser("a@b.org").refusal(), missing);
   EXPECT_EQ(broken.login("a@b.org").refusal(), missing);
   for (const char* path : {"verify-email", "reset-password", "change-password"}) {
-    EXPECT_EQ(broken.post(kAuth + path, json::object()).refusal(), missing) << path;
+    EXPECT_EQ(broken.post(kAuthPath + path, json::object()).refusal(), missing) << path;
   }
-  EXPECT_EQ(broken.get(kAuth + "verify-email?token=t").refusal(), missing);
-  EXPECT_EQ(broken.get(kAuth + "reset-password?token=t").refusal(), missing);
-  EXPECT_EQ(broken.post(kAuth + "forgot-password", json::object()).refusal(), "503 Not available");
+  EXPECT_EQ(broken.get(kAuthPath + "verify-email?token=t").refusal(), missing);
+  EXPECT_EQ(broken.get(kAuthPath + "reset-password?token=t").refusal(), missing);
+  EXPECT_EQ(broken.post(kAuthPath + "forgot-password", json::object()).refusal(),
+            "503 Not available");
   EXPECT_EQ(broken.get("/api/v1/settings/smtp").refusal(), missing);
-  EXPECT_EQ(broken.get(kAuth + "session", broken.signedIn("t")).refusal(),
+  EXPECT_EQ(broken.get(kAuthPath + "session", broken.signedIn("t")).refusal(),
             "401 Invalid or expired session");
-  EXPECT_EQ(broken.postText(kAuth + "logout", "").status, 200);
+  EXPECT_EQ(broken.postText(kAuthPath + "logout", "").status, 200);
 }
 
 }  // namespace

@@ -14,20 +14,20 @@
 namespace tavrel::test {
 namespace {
 
-[[noreturn]] void fail(const char* what) {
+[[noreturn]] void throwSystemError(const char* what) {
   throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
 }
 
 /// Puts the thread into a new network namespace and holds it open.
 int newNamespace() {
-  if (::unshare(CLONE_NEWNET) != 0) fail("unshare");
+  if (::unshare(CLONE_NEWNET) != 0) throwSystemError("unshare");
   const int descriptor = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-  if (descriptor < 0) fail("open the namespace");
+  if (descriptor < 0) throwSystemError("open the namespace");
   return descriptor;
 }
 
 void enterNamespace(int descriptor) {
-  if (::setns(descriptor, CLONE_NEWNET) != 0) fail("setns");
+  if (::setns(descriptor, CLONE_NEWNET) != 0) throwSystemError("setns");
 }
 
 /// Runs a shell command where the thread is.

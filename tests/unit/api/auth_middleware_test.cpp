@@ -29,8 +29,8 @@ constexpr char kGuardedPath[] = "/api/v1/logs";
 constexpr char kAdminKey[] = "the-administrators-key";
 
 /// A gate whose time stands still until a test moves it.
-struct Gate {
-  explicit Gate(const AuthConfig& config = AuthConfig()) { auth.initialize(config); }
+struct GuardedRoutes {
+  explicit GuardedRoutes(const AuthConfig& config = AuthConfig()) { auth.initialize(config); }
 
   void pass(nanoseconds time) {
     wall += std::chrono::duration_cast<platform::WallTime::duration>(time);
@@ -144,7 +144,7 @@ TEST(PublicPaths, APatternIsItsPrefixAndSuffixWithoutOverlap) {
 }
 
 TEST(AuthMiddleware, CredentialsDecideOnGuardedPathsOnly) {
-  Gate gate(withAdmin());
+  GuardedRoutes gate(withAdmin());
   const std::string token = gate.auth.issueWorkerToken("w7", {"inference"});
   constexpr char kNone[] = "401 Authentication required. Provide X-API-Key header or Bearer token.";
   const struct {
@@ -182,7 +182,7 @@ TEST(AuthMiddleware, CredentialsDecideOnGuardedPathsOnly) {
 TEST(AuthMiddleware, ASessionPassesWhereItsRoutesJudgeItAndNowhereElse) {
   AuthConfig config = withAdmin();
   config.requests_per_minute = 8;
-  Gate gate(config);
+  GuardedRoutes gate(config);
   const std::map<std::string, std::string> signed_in = {{"X-Session-Token", "ts_1"}};
   EXPECT_EQ(outcome(gate.ask("/api/v1/credentials", signed_in)),
             "401 Authentication required. Provide X-API-Key header or Bearer token.");
@@ -215,7 +215,7 @@ TEST(AuthMiddleware, ASessionPassesWhereItsRoutesJudgeItAndNowhereElse) {
 TEST(AuthMiddleware, GuestsShareOneBucketThatClusterCallsLeaveAlone) {
   AuthConfig config = forGuests();
   config.admin_key = kAdminKey;
-  Gate gate(config);
+  GuardedRoutes gate(config);
   for (const char* path : {"/gossip", "/cluster/join", "/cluster/announce"}) {
     EXPECT_THAT(repeat(100, [&] { return gate.ask(path); }), ElementsAre());
   }
@@ -237,7 +237,7 @@ TEST(AuthMiddleware, GuestsShareOneBucketThatClusterCallsLeaveAlone) {
 }
 
 TEST(AuthMiddleware, EveryKeyAndTokenHasItsOwnWindow) {
-  Gate gate(withAdmin());
+  GuardedRoutes gate(withAdmin());
   const std::string key = gate.auth.generateApiKey("ci", "service", {}, {});
   const std::string token = gate.auth.issueWorkerToken("w", {});
   EXPECT_THAT(repeat(1001, [&] { return gate.askWithKey(key); }),
@@ -258,12 +258,12 @@ TEST(AuthMiddleware, EveryKeyAndTokenHasItsOwnWindow) {
 
   AuthConfig config = withAdmin();
   config.rate_limit_enabled = false;
-  Gate unlimited(config);
+  GuardedRoutes unlimited(config);
   EXPECT_THAT(repeat(2000, [&] { return unlimited.askWithKey(kAdminKey); }), ElementsAre());
 }
 
 TEST(AuthMiddleware, KeysEndByRevocationExpiryAndAddress) {
-  Gate gate;
+  GuardedRoutes gate;
   ApiKeyEntry entry;
   entry.key = "tk_bound";
   entry.name = "bound";
@@ -293,7 +293,7 @@ TEST(AuthMiddleware, KeysEndByRevocationExpiryAndAddress) {
 }
 
 TEST(AuthMiddleware, GeneratedKeysTellTheirType) {
-  Gate gate;
+  GuardedRoutes gate;
   for (const auto& [type, prefix] :
        std::map<std::string, std::string>{{"admin", "tk_admin_"},
                                           {"service", "tk_svc_"},
@@ -307,7 +307,7 @@ TEST(AuthMiddleware, GeneratedKeysTellTheirType) {
 }
 
 TEST(AuthMiddleware, TokensLiveAsLongAsTheirKindSays) {
-  Gate gate;
+  GuardedRoutes gate;
   const std::string worker = gate.auth.issueWorkerToken("w", {});
   const std::string sub = gate.auth.issueSubControllerToken("s", {"sync"});
   const std::string plain = gate.auth.issueToken("x", "tool", {}, 0);
@@ -336,7 +336,7 @@ TEST(AuthMiddleware, TokensLiveAsLongAsTheirKindSays) {
 }
 
 TEST(AuthMiddleware, TablesForgetWhatIsOver) {
-  Gate gate;
+  GuardedRoutes gate;
   for (std::size_t i = 0; i < TokenTable::kMinCleanSize; ++i)
     gate.auth.issueToken("x", "t", {}, 60);
   gate.pass(seconds(60));
@@ -361,19 +361,19 @@ TEST(AuthMiddleware, TablesForgetWhatIsOver) {
 TEST(AuthMiddleware, ProtectedInferenceIsNotPublicAndItsStreamAsks) {
   AuthConfig config = withAdmin();
   config.public_paths = publicPaths();
-  const auto refusal = [](Gate& gate, const char* path) {
+  const auto refusal = [](GuardedRoutes& gate, const char* path) {
     Request request;
     request.path = path;
     Context context;
     return gate.auth.getStreamGuard()(context, request).has_value();
   };
-  Gate open(config);
+  GuardedRoutes open(config);
   EXPECT_EQ(open.ask("/v1/models").status, 200);
   EXPECT_FALSE(refusal(open, "/api/v1/chat/completions/stream"));
   EXPECT_EQ(open.auth.getStats().at("total_requests"), 1);
 
   config.protect_inference = true;
-  Gate guarded(config);
+  GuardedRoutes guarded(config);
   for (const char* path : {"/v1/models", "/v1/chat/completions", "/v1/completions",
                            "/v1/embeddings", "/api/v1/models", "/api/v1/chat/completions"}) {
     EXPECT_EQ(guarded.ask(path).status, 401) << path;
@@ -444,7 +444,7 @@ class KeyFile : public testing::Test {
 };
 
 TEST_F(KeyFile, KeysComeBackWithoutTheAdministrators) {
-  Gate gate(withAdmin());
+  GuardedRoutes gate(withAdmin());
   ApiKeyEntry entry;
   entry.key = "tk_ci";
   entry.name = "ci";
@@ -460,7 +460,7 @@ TEST_F(KeyFile, KeysComeBackWithoutTheAdministrators) {
   ASSERT_EQ(::stat(path_.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 0777, 0600U);
 
-  Gate later;
+  GuardedRoutes later;
   EXPECT_TRUE(later.auth.loadApiKeys(path_));
   ASSERT_EQ(later.auth.listApiKeys().size(), 1U);
   const ApiKeyEntry loaded = later.auth.listApiKeys().front();
@@ -473,7 +473,7 @@ TEST_F(KeyFile, KeysComeBackWithoutTheAdministrators) {
 }
 
 TEST_F(KeyFile, TheAdministratorsKeyOfTheCommandLineWins) {
-  Gate gate(withAdmin());
+  GuardedRoutes gate(withAdmin());
   write(std::string(R"({"api_keys": [{"name": "no key"}, {"key": "tk_a", "roles": "viewer"},
                       {"key": ")") +
         kAdminKey + R"(", "name": "impostor", "revoked": true}]})");
@@ -484,7 +484,7 @@ TEST_F(KeyFile, TheAdministratorsKeyOfTheCommandLineWins) {
 }
 
 TEST_F(KeyFile, AMalformedFileIsReportedWithoutItsContent) {
-  Gate gate;
+  GuardedRoutes gate;
   EXPECT_FALSE(gate.auth.loadApiKeys(path_));
   write("{}");
   EXPECT_TRUE(gate.auth.loadApiKeys(path_));

@@ -9,12 +9,12 @@ namespace {
 
 constexpr HeadLimits kLimits{1024, 10, 1000};
 
-struct Case {
+struct HeadCase {
   std::string text;
   int refusal;  ///< 0: complete, -1: incomplete
 };
 
-class RequestHeadTest : public ::testing::TestWithParam<Case> {};
+class RequestHeadTest : public ::testing::TestWithParam<HeadCase> {};
 
 int outcome(const RequestHead& head) {
   if (head.state == RequestHead::State::kIncomplete) return -1;
@@ -43,25 +43,26 @@ std::string withFields(int count) {
 INSTANTIATE_TEST_SUITE_P(
     All, RequestHeadTest,
     ::testing::Values(
-        Case{"GET / HTTP/1.1\r\n\r\n", 0}, Case{"GET / HTTP/1.1\r\nHost: a\r\n", -1},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello", 0},
-        Case{"POST /x HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n", 0},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 1001\r\n\r\n", 413},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n", 400},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 5, 5\r\n\r\n", 400},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 99999999999999999999999\r\n\r\n", 400},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 5\r\nContent-Length: 6\r\n\r\n", 400},
-        Case{"POST /x HTTP/1.1\r\nContent-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n", 400},
-        Case{"POST /x HTTP/1.1\r\nTransfer-Encoding: gzip, chunked\r\n\r\n", 501},
-        Case{"POST /x HTTP/1.1\r\nContent-Length : 5\r\n\r\n", 400},
-        Case{"GET / HTTP/1.1\r\nA: b\r\n folded\r\n\r\n", 400},
-        Case{"GET / HTTP/1.1\nA: b\r\n\r\n", 400},
-        Case{"GET / HTTP/1.1\r\nA: b\nC: d\r\n\r\n", 400},
-        Case{"GET / HTTP/1.1\r\nA: b\rC: d\r\n\r\n", 400},
-        Case{"GET / HTTP/1.1\r\nno colon\r\n\r\n", 400}, Case{withFields(10), 0},
-        Case{withFields(11), 431}, Case{"GET /" + std::string(1100, 'a'), 431},
-        Case{"\x16\x03\x01\x02", 400}, Case{"get / HTTP/1.1\r\n\r\n", 400},
-        Case{std::string(40, 'A'), 400}));
+        HeadCase{"GET / HTTP/1.1\r\n\r\n", 0}, HeadCase{"GET / HTTP/1.1\r\nHost: a\r\n", -1},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello", 0},
+        HeadCase{"POST /x HTTP/1.1\r\nTransfer-Encoding: Chunked\r\n\r\n", 0},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 1001\r\n\r\n", 413},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: -1\r\n\r\n", 400},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 5, 5\r\n\r\n", 400},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 99999999999999999999999\r\n\r\n", 400},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 5\r\nContent-Length: 6\r\n\r\n", 400},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length: 5\r\nTransfer-Encoding: chunked\r\n\r\n",
+                 400},
+        HeadCase{"POST /x HTTP/1.1\r\nTransfer-Encoding: gzip, chunked\r\n\r\n", 501},
+        HeadCase{"POST /x HTTP/1.1\r\nContent-Length : 5\r\n\r\n", 400},
+        HeadCase{"GET / HTTP/1.1\r\nA: b\r\n folded\r\n\r\n", 400},
+        HeadCase{"GET / HTTP/1.1\nA: b\r\n\r\n", 400},
+        HeadCase{"GET / HTTP/1.1\r\nA: b\nC: d\r\n\r\n", 400},
+        HeadCase{"GET / HTTP/1.1\r\nA: b\rC: d\r\n\r\n", 400},
+        HeadCase{"GET / HTTP/1.1\r\nno colon\r\n\r\n", 400}, HeadCase{withFields(10), 0},
+        HeadCase{withFields(11), 431}, HeadCase{"GET /" + std::string(1100, 'a'), 431},
+        HeadCase{"\x16\x03\x01\x02", 400}, HeadCase{"get / HTTP/1.1\r\n\r\n", 400},
+        HeadCase{std::string(40, 'A'), 400}));
 
 TEST(RequestHead, TellsSizeAndFraming) {
   std::size_t searched = 0;

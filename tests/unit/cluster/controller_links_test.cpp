@@ -66,10 +66,10 @@ struct Router {
   }
   /// Seconds until the next time the controller is asked for its workers.
   int secondsUntilAsked() {
-    for (int seconds = 1; seconds < 1000; ++seconds) {
+    for (int passed = 1; passed < 1000; ++passed) {
       others.take();
       tickAfter(std::chrono::seconds{1});
-      if (!others.take().empty()) return seconds;
+      if (!others.take().empty()) return passed;
     }
     return -1;
   }

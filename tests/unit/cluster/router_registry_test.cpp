@@ -10,30 +10,32 @@ namespace {
 using nlohmann::json;
 using std::chrono::seconds;
 
-const platform::WallTime kNow{seconds{1'700'000'000}};
+const platform::WallTime kFirstSeen{seconds{1'700'000'000}};
 
 TEST(RouterRegistry, HeartbeatRegistersAndRefreshes) {
   RouterRegistry routers;
   const auto first = routers.heartbeat(
-      "r", {{"hostname", "h"}, {"address", "10.0.0.1"}, {"port", 1e300}, {"version", "1"}}, kNow);
+      "r", {{"hostname", "h"}, {"address", "10.0.0.1"}, {"port", 1e300}, {"version", "1"}},
+      kFirstSeen);
   EXPECT_TRUE(first.registered);
   EXPECT_EQ(first.router.status, NodeStatus::kHealthy);
   EXPECT_EQ(first.router.port, std::numeric_limits<std::int32_t>::max());
 
-  const auto second = routers.heartbeat("r", {{"port", 81}}, kNow + seconds{5});
+  const auto second = routers.heartbeat("r", {{"port", 81}}, kFirstSeen + seconds{5});
   EXPECT_FALSE(second.registered);
   EXPECT_EQ(second.router.hostname, "h");
   EXPECT_EQ(routers.find("r")->baseUrl(), "http://10.0.0.1:81");
   EXPECT_EQ(routers.find("r")->toJson()["last_heartbeat"], 1'700'000'005);
 
-  EXPECT_THROW(routers.heartbeat("r", {{"hostname", "new"}, {"port", "x"}}, kNow), json::exception);
-  EXPECT_THROW(routers.heartbeat("q", {{"version", 1}}, kNow), json::exception);
+  EXPECT_THROW(routers.heartbeat("r", {{"hostname", "new"}, {"port", "x"}}, kFirstSeen),
+               json::exception);
+  EXPECT_THROW(routers.heartbeat("q", {{"version", 1}}, kFirstSeen), json::exception);
   EXPECT_EQ(routers.find("r")->hostname, "h");
   EXPECT_EQ(routers.size(), 1u);
 
-  EXPECT_TRUE(routers.touch("r", kNow + seconds{9}));
-  EXPECT_EQ(routers.find("r")->last_heartbeat, kNow + seconds{9});
-  EXPECT_FALSE(routers.touch("q", kNow));
+  EXPECT_TRUE(routers.touch("r", kFirstSeen + seconds{9}));
+  EXPECT_EQ(routers.find("r")->last_heartbeat, kFirstSeen + seconds{9});
+  EXPECT_FALSE(routers.touch("q", kFirstSeen));
 }
 
 TEST(RouterRegistry, AddedRouterKeepsItsSettingsThroughHeartbeats) {
@@ -53,7 +55,7 @@ TEST(RouterRegistry, AddedRouterKeepsItsSettingsThroughHeartbeats) {
     "enabled": false, "condition": "c", "target_capability": "t", "target_node": "w"}])"));
   ASSERT_TRUE(routers.setRules(added.id, rules));
   EXPECT_FALSE(routers.setRules("unknown", rules));
-  routers.heartbeat(added.id, json::object(), kNow);
+  routers.heartbeat(added.id, json::object(), kFirstSeen);
   const RouterInfo router = *routers.firstHealthy();
   EXPECT_EQ(router.id, added.id);
   EXPECT_EQ(router.ai_control.mode, AIControlMode::kAdvisory);

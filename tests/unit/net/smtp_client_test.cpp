@@ -14,7 +14,7 @@ namespace {
 using namespace std::chrono_literals;
 using testing::HasSubstr;
 
-constexpr Timeouts kPatient{10s, 20s};
+constexpr Timeouts kMailTimeouts{10s, 20s};
 
 SmtpMessage aMail() {
   return {"us@example.org", "Ada <ada@example.org>",
@@ -28,7 +28,7 @@ SmtpServer plain(const test::MailServer& server) {
 TEST(SmtpClient, AMailArrivesAsItWasWritten) {
   test::MailServer server;
   SmtpClient client;
-  EXPECT_EQ(client.send(plain(server), aMail(), kPatient), "");
+  EXPECT_EQ(client.send(plain(server), aMail(), kMailTimeouts), "");
   const std::string mail = server.mailWith("hello");
   EXPECT_THAT(mail, HasSubstr(R"("from": "us@example.org", "to": ["ada@example.org"])"));
   EXPECT_THAT(mail, HasSubstr(R"(Subject: hello\r\n\r\n.dot\r\n<p>h\u00e9</p>)"));
@@ -39,7 +39,7 @@ TEST(SmtpClient, NothingIsSentUnencryptedOrToAStrangerWhenEncryptionIsDemanded) 
   SmtpClient client;
   SmtpServer server = plain(unencrypted);
   server.encryption = SmtpServer::Encryption::kStartTls;
-  EXPECT_EQ(client.send(server, aMail(), kPatient), "Requested SSL level failed");
+  EXPECT_EQ(client.send(server, aMail(), kMailTimeouts), "Requested SSL level failed");
   EXPECT_EQ(unencrypted.mailCount(), 0U);
 
   server.encryption = SmtpServer::Encryption::kTls;
@@ -47,7 +47,7 @@ TEST(SmtpClient, NothingIsSentUnencryptedOrToAStrangerWhenEncryptionIsDemanded) 
   for (const char* tls : {"ssl", "starttls"}) {
     test::MailServer stranger(tls, certificate);
     server.port = stranger.port();
-    EXPECT_THAT(client.send(server, aMail(), kPatient), HasSubstr("certificate")) << tls;
+    EXPECT_THAT(client.send(server, aMail(), kMailTimeouts), HasSubstr("certificate")) << tls;
     EXPECT_EQ(stranger.mailCount(), 0U);
     server.encryption = SmtpServer::Encryption::kStartTls;
   }
@@ -60,21 +60,21 @@ TEST(SmtpClient, NoAddressOrHostCarriesACommand) {
        {"", "a@b.org\r\nRCPT TO:<eve@b.org>", "a@b.org>\nDATA", "a@b.org> SIZE=1", "a@b.org\x7F"}) {
     SmtpMessage mail = aMail();
     mail.recipient = address;
-    EXPECT_NE(client.send(plain(server), mail, kPatient), "") << address;
+    EXPECT_NE(client.send(plain(server), mail, kMailTimeouts), "") << address;
     mail = aMail();
     mail.sender = address;
-    EXPECT_NE(client.send(plain(server), mail, kPatient), "") << address;
+    EXPECT_NE(client.send(plain(server), mail, kMailTimeouts), "") << address;
   }
   for (const std::string host :
        {"", "127.0.0.1/x", "u@127.0.0.1", "127.0.0.1\r\n", "127.0.0.1?a", "127.0.0.1#"}) {
     SmtpServer odd = plain(server);
     odd.host = host;
-    EXPECT_NE(client.send(odd, aMail(), kPatient), "") << host;
+    EXPECT_NE(client.send(odd, aMail(), kMailTimeouts), "") << host;
   }
   for (const std::string port : {"", "25/x", "0x19", "-1", "99999"}) {
     SmtpServer odd = plain(server);
     odd.port = port;
-    EXPECT_NE(client.send(odd, aMail(), kPatient), "") << port;
+    EXPECT_NE(client.send(odd, aMail(), kMailTimeouts), "") << port;
   }
   EXPECT_EQ(server.mailCount(), 0U);
 }

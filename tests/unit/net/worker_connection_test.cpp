@@ -20,10 +20,10 @@ using test::MockConnection;
 using test::MockPeer;
 
 /// Long enough for any machine; a test that waits so long has failed.
-constexpr seconds kLong{30};
-constexpr std::string_view kRequest = "POST /x HTTP/1.1\r\nContent-Length: 2\r\n\r\n{}";
+constexpr seconds kLongWait{30};
+constexpr std::string_view kAsked = "POST /x HTTP/1.1\r\nContent-Length: 2\r\n\r\n{}";
 
-WorkerAddress at(const MockPeer& peer) {
+WorkerAddress addressOf(const MockPeer& peer) {
   return {"127.0.0.1", peer.port()};
 }
 
@@ -68,10 +68,10 @@ class Client {
 /// Connects, sends a request and reads the whole answer.
 struct Exchange {
   explicit Exchange(const MockPeer& peer) {
-    EXPECT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
-    EXPECT_EQ(connection.send(kRequest, kLong), WorkerIo::kOk);
-    outcome = connection.readHead(head, kLong);
-    if (outcome == WorkerIo::kOk) outcome = connection.readWholeBody(body, 1 << 20, kLong);
+    EXPECT_EQ(connection.connect(addressOf(peer), kLongWait), WorkerIo::kOk);
+    EXPECT_EQ(connection.send(kAsked, kLongWait), WorkerIo::kOk);
+    outcome = connection.readHead(head, kLongWait);
+    if (outcome == WorkerIo::kOk) outcome = connection.readWholeBody(body, 1 << 20, kLongWait);
   }
   WorkerConnection connection{-1};
   HttpResponseHead head;
@@ -82,7 +82,7 @@ struct Exchange {
 TEST(WorkerConnection, ResolvesNamesAndRefusesWhatIsNoAddress) {
   MockPeer peer(MockPeer::answering(test::httpAnswer(200, "")));
   WorkerConnection connection(-1);
-  EXPECT_EQ(connection.connect({"localhost", peer.port()}, kLong), WorkerIo::kOk);
+  EXPECT_EQ(connection.connect({"localhost", peer.port()}, kLongWait), WorkerIo::kOk);
   const test::RefusingPort refusing;
   const WorkerAddress unreachable[] = {
       {"127.0.0.1", refusing.port()},
@@ -98,7 +98,7 @@ TEST(WorkerConnection, ResolvesNamesAndRefusesWhatIsNoAddress) {
       {"127.0.0.1\r\nX: y", peer.port()},
   };
   for (const auto& address : unreachable) {
-    EXPECT_EQ(connection.connect(address, kLong), WorkerIo::kConnectFailed) << address.host;
+    EXPECT_EQ(connection.connect(address, kLongWait), WorkerIo::kConnectFailed) << address.host;
   }
 }
 
@@ -132,7 +132,7 @@ TEST_P(WorkerFault, IsToldAndLosesNothingThatCameBefore) {
   EXPECT_FALSE(exchange.connection.reusable());
   if (exchange.outcome == WorkerIo::kOk) return;
   bool end = false;
-  EXPECT_EQ(exchange.connection.readBody(exchange.body, end, kLong), exchange.outcome);
+  EXPECT_EQ(exchange.connection.readBody(exchange.body, end, kLongWait), exchange.outcome);
 }
 
 MockPeer::Script afterRequest(std::string bytes, void (MockConnection::*then)()) {
@@ -183,14 +183,14 @@ TEST_P(EarlyRefusal, CanBeReadAfterTheSendingFailed) {
     stalls ? connection.ignoreUntil(never) : connection.reset();
   });
   WorkerConnection connection(-1);
-  ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
+  ASSERT_EQ(connection.connect(addressOf(peer), kLongWait), WorkerIo::kOk);
   const std::string much(std::size_t{64} << 20, 'x');
   connected.open();
-  EXPECT_EQ(connection.send(much, stalls ? milliseconds(30) : kLong), GetParam());
+  EXPECT_EQ(connection.send(much, stalls ? milliseconds(30) : kLongWait), GetParam());
   HttpResponseHead head;
   std::string body;
-  EXPECT_EQ(connection.readHead(head, kLong), WorkerIo::kOk);
-  EXPECT_EQ(connection.readWholeBody(body, 100, kLong), WorkerIo::kOk);
+  EXPECT_EQ(connection.readHead(head, kLongWait), WorkerIo::kOk);
+  EXPECT_EQ(connection.readWholeBody(body, 100, kLongWait), WorkerIo::kOk);
   EXPECT_EQ(head.status, 413);
   EXPECT_EQ(body, "too much");
   EXPECT_FALSE(connection.reusable()) << "half a request is still on its way";
@@ -216,10 +216,10 @@ TEST_P(ClientDeparture, EndsTheWaitAtOnceAndTheWorkerLearnsOfIt) {
   Client client;
   client.say("a pipelined request is no hang-up");
   auto connection = std::make_unique<WorkerConnection>(client.descriptor());
-  ASSERT_EQ(connection->connect(at(peer), kLong), WorkerIo::kOk);
+  ASSERT_EQ(connection->connect(addressOf(peer), kLongWait), WorkerIo::kOk);
   HttpResponseHead head;
   if (GetParam().answer == kPart) {
-    ASSERT_EQ(connection->readHead(head, kLong), WorkerIo::kOk);
+    ASSERT_EQ(connection->readHead(head, kLongWait), WorkerIo::kOk);
   }
 
   std::thread leaving;
@@ -247,18 +247,18 @@ TEST_P(ClientDeparture, EndsTheWaitAtOnceAndTheWorkerLearnsOfIt) {
 
 WorkerIo waitInConnect(WorkerConnection& connection) {
   const test::UnansweringPort port;
-  return connection.connect({"127.0.0.1", port.port()}, kLong);
+  return connection.connect({"127.0.0.1", port.port()}, kLongWait);
 }
 WorkerIo waitInSend(WorkerConnection& connection) {
-  return connection.send(std::string(std::size_t{64} << 20, 'x'), kLong);
+  return connection.send(std::string(std::size_t{64} << 20, 'x'), kLongWait);
 }
 WorkerIo waitInHead(WorkerConnection& connection) {
   HttpResponseHead head;
-  return connection.readHead(head, kLong);
+  return connection.readHead(head, kLongWait);
 }
 WorkerIo waitInBody(WorkerConnection& connection) {
   std::string body;
-  return connection.readWholeBody(body, 1000, kLong);
+  return connection.readWholeBody(body, 1000, kLongWait);
 }
 
 INSTANTIATE_TEST_SUITE_P(While, ClientDeparture,
@@ -272,14 +272,14 @@ TEST(WorkerConnection, WhatIsThereAlreadyIsReadWithoutWaiting) {
   MockPeer peer(MockPeer::answeringOnce(test::httpAnswer(200, "ok")));
   Client client;
   WorkerConnection connection(client.descriptor());
-  ASSERT_EQ(connection.connect(at(peer), kLong), WorkerIo::kOk);
-  ASSERT_EQ(connection.send(kRequest, kLong), WorkerIo::kOk);
+  ASSERT_EQ(connection.connect(addressOf(peer), kLongWait), WorkerIo::kOk);
+  ASSERT_EQ(connection.send(kAsked, kLongWait), WorkerIo::kOk);
   ASSERT_TRUE(peer.waitForRequests(1));
   HttpResponseHead head;
-  ASSERT_EQ(connection.readHead(head, kLong), WorkerIo::kOk);
+  ASSERT_EQ(connection.readHead(head, kLongWait), WorkerIo::kOk);
   const WaitObserver observer;
   std::string body;
-  EXPECT_EQ(connection.readWholeBody(body, 2, kLong), WorkerIo::kOk);
+  EXPECT_EQ(connection.readWholeBody(body, 2, kLongWait), WorkerIo::kOk);
   EXPECT_EQ(body, "ok");
   EXPECT_EQ(observer.waits, 0);
 }

@@ -12,7 +12,7 @@ using nlohmann::json;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
-constexpr std::uint64_t kGiB = std::uint64_t{1} << 30;
+constexpr std::uint64_t kGibibyte = std::uint64_t{1} << 30;
 using Shards = std::vector<ShardAssignment>;
 
 GGUFModelMetadata model(std::int32_t layers) {
@@ -68,12 +68,13 @@ TEST(ShardPlanner, ABalancedSplitIsAsEvenAsCanBe) {
 }
 
 TEST(ShardPlanner, ASplitByVramFollowsTheShares) {
-  const Shards shards = computeShardAssignments(model(32), workers({24 * kGiB, 8 * kGiB, 8 * kGiB}),
-                                                ShardStrategy::kVramProportional);
+  const Shards shards =
+      computeShardAssignments(model(32), workers({24 * kGibibyte, 8 * kGibibyte, 8 * kGibibyte}),
+                              ShardStrategy::kVramProportional);
   EXPECT_THAT(ends(shards), ElementsAre(19, 25, 32));
   EXPECT_THAT(estimates(shards), ElementsAre(20'900 + 7, 6'600, 7'700 + 5));
   // 1/49 in binary is a little less, and so is its share of the layers.
-  const auto equal = ends(computeShardAssignments(model(98), workers(std::vector(49, kGiB)),
+  const auto equal = ends(computeShardAssignments(model(98), workers(std::vector(49, kGibibyte)),
                                                   ShardStrategy::kVramProportional));
   EXPECT_EQ(equal[0], 1);
   EXPECT_EQ(equal[47], 48);
@@ -81,7 +82,7 @@ TEST(ShardPlanner, ASplitByVramFollowsTheShares) {
 }
 
 TEST(ShardPlanner, ASingleWorkerHasTheOutputOnlyByVram) {
-  for (const std::uint64_t vram : {kGiB, std::uint64_t{0}}) {
+  for (const std::uint64_t vram : {kGibibyte, std::uint64_t{0}}) {
     const Shards one =
         computeShardAssignments(model(4), workers({vram}), ShardStrategy::kVramProportional);
     EXPECT_THAT(ends(one), ElementsAre(4));
@@ -90,7 +91,7 @@ TEST(ShardPlanner, ASingleWorkerHasTheOutputOnlyByVram) {
     EXPECT_THAT(estimates(one), ElementsAre(35'200 + 12));
   }
   const Shards balanced =
-      computeShardAssignments(model(4), workers({kGiB}), ShardStrategy::kBalanced);
+      computeShardAssignments(model(4), workers({kGibibyte}), ShardStrategy::kBalanced);
   EXPECT_TRUE(balanced[0].include_embedding && !balanced[0].include_output);
 }
 
@@ -131,7 +132,7 @@ TEST(ShardPlanner, AManualListIsApplied) {
   EXPECT_EQ(planned("[10, 2, 20]"), json({10, 12, 32}));
   EXPECT_EQ(planned("[[0, 10], [10, 12], [12, 32]]"), json({10, 12, 32}));
   EXPECT_EQ(planned("[10, [10, 31], 1]"), json({10, 31, 32}));
-  const auto one = computeManualAssignments(model(4), workers({kGiB}), {std::int64_t{4}});
+  const auto one = computeManualAssignments(model(4), workers({kGibibyte}), {std::int64_t{4}});
   const ShardAssignment& all = std::get<Shards>(one).at(0);
   EXPECT_TRUE(all.role == ShardRole::kHead && all.include_embedding && all.include_output);
 }
