@@ -22,10 +22,11 @@ if(CMAKE_UNITY_BUILD)
   target_compile_options(tavrel_settings INTERFACE -Wno-subobject-linkage)
 endif()
 
-# Of every test, and so of the programs that it starts. A long history, since a suppression works only
-# where both stacks are still known; no second's sleep when a program ends, since tests wait for that.
+# Of every test, and so of the programs that it starts. A longer history (8 MB a thread), since a
+# suppression works only where both stacks are still known; no sleep of a second when a program ends,
+# since tests wait for that.
 set(TAVREL_TSAN_ENVIRONMENT
-  "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp history_size=7 atexit_sleep_ms=0")
+  "TSAN_OPTIONS=suppressions=${CMAKE_SOURCE_DIR}/tests/tsan.supp history_size=5 atexit_sleep_ms=0")
 
 find_program(CCACHE_PROGRAM ccache)
 if(CCACHE_PROGRAM AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
