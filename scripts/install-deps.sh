@@ -5,7 +5,7 @@
 set -euo pipefail
 
 build_packages=(g++ cmake ninja-build pkg-config ccache lld libcpp-httplib-dev nlohmann-json3-dev
-  libcurl4-openssl-dev libsqlite3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev)
+  libcurl4-openssl-dev libsqlite3-dev libssl-dev libgtest-dev libgmock-dev libbenchmark-dev libboost-context-dev)
 run_packages=(curl)
 test_packages=(curl ca-certificates git clang clang-tidy clang-format libclang-rt-14-dev
   openssl python3-aiosmtpd iproute2)

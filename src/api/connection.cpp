@@ -11,7 +11,8 @@
 #include <limits>
 #include <utility>
 
-#include "platform/blocking.h"
+#include "platform/socket_calls.h"
+#include "platform/socket_wait.h"
 
 namespace tavrel::api {
 namespace {
@@ -21,6 +22,8 @@ constexpr std::size_t kReceiveBytes = 64 << 10;
 constexpr std::size_t kSendThreshold = 64 << 10;
 /// A body may take longer than the read timeout as long as it arrives at this pace.
 constexpr std::uint64_t kMinimumBodyBytesPerSecond = 16 << 10;
+/// A wait for a client is looked at again after so long.
+constexpr std::chrono::milliseconds kLongestWait{500};
 /// So much of a body is collected while the connection is parked.
 constexpr std::uint64_t kMaxParkedBody = 256 << 10;
 
@@ -47,11 +50,12 @@ bool Connection::gone() const {
   return ::poll(&client, 1, 0) > 0 && (client.revents & (POLLRDHUP | POLLHUP | POLLERR)) != 0;
 }
 
-Connection::Arrival Connection::receive() {
+// Not inlined, because of the buffer: a caller that waits may go on on another thread.
+[[gnu::noinline]] Connection::Arrival Connection::receive() {
   // One buffer per thread: a connection itself keeps no more than what has really arrived.
   thread_local std::array<char, kReceiveBytes> buffer;
   for (;;) {
-    const ssize_t count = ::recv(socket_, buffer.data(), buffer.size(), MSG_DONTWAIT);
+    const ssize_t count = platform::receiveNow(socket_, buffer.data(), buffer.size());
     if (count > 0) {
       if (read_at_ == input_.size()) {
         input_.clear();
@@ -61,8 +65,8 @@ Connection::Arrival Connection::receive() {
       return Arrival::kBytes;
     }
     if (count == 0) return Arrival::kClosed;
-    if (errno == EINTR) continue;
-    return errno == EAGAIN || errno == EWOULDBLOCK ? Arrival::kNothing : Arrival::kClosed;
+    if (count == -EINTR) continue;
+    return platform::wouldBlock(count) ? Arrival::kNothing : Arrival::kClosed;
   }
 }
 
@@ -178,14 +182,14 @@ bool Connection::flush() {
 bool Connection::sendAll(std::string_view rest) {
   std::size_t charged = 0;  // an answer that is not read counts with what was left at first
   while (!broken_ && !rest.empty()) {
-    const ssize_t sent = ::send(socket_, rest.data(), rest.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    const ssize_t sent = platform::sendNow(socket_, rest);
     if (sent > 0) {
       rest.remove_prefix(static_cast<std::size_t>(sent));
-    } else if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    } else if (platform::wouldBlock(sent)) {
       if (charged == 0 && budget_.takeMemory(rest.size())) charged = rest.size();
       broken_ =
           charged == 0 || waitFor(POLLOUT, platform::steadyNow() + timeouts_.write) != Wait::kReady;
-    } else if (errno != EINTR) {
+    } else if (sent != -EINTR) {
       broken_ = true;
     }
   }
@@ -215,19 +219,15 @@ Connection::Wait Connection::waitFor(short events, platform::SteadyTime deadline
 }
 
 Connection::Wait Connection::pollUntil(short events, platform::SteadyTime deadline) const {
-  const platform::BlockingScope blocking;
   for (;;) {
     // A stopping server waits for nobody: neither for more of a body nor for a slow reader.
     if (interrupted_.load(std::memory_order_relaxed)) return Wait::kTimedOut;
-    const auto left =
-        std::chrono::ceil<std::chrono::milliseconds>(deadline - platform::steadyNow());
-    if (left.count() <= 0) return Wait::kTimedOut;
-    pollfd entry{socket_, events, 0};
+    const platform::SteadyTime now = platform::steadyNow();
+    if (deadline <= now) return Wait::kTimedOut;
     // Short waits, because an interruption while waiting for room to write raises no event.
-    const int ready =
-        ::poll(&entry, 1, static_cast<int>(std::min<std::int64_t>(left.count(), 500)));
-    if (ready > 0) return Wait::kReady;
-    if (ready < 0 && errno != EINTR) return Wait::kTimedOut;
+    const auto outcome = platform::waitForSocket(socket_, events, /*client_descriptor=*/-1,
+                                                 std::min(deadline, now + kLongestWait));
+    if (outcome == platform::SocketWait::kReady) return Wait::kReady;
   }
 }
 

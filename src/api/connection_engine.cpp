@@ -21,7 +21,7 @@ namespace tavrel::api {
 namespace {
 
 constexpr int kListenBacklog = 4096;
-/// How often housekeeping looks for threads that are stuck.
+/// How often housekeeping looks for threads that are stuck and requests that waited long enough.
 constexpr std::chrono::milliseconds kHousekeepingPeriod{50};
 /// Connections are looked through for expired ones once in so many passes.
 constexpr int kExpiryPasses = 10;
@@ -61,6 +61,7 @@ ConnectionEngine::ConnectionEngine(const Settings& settings, Serve serve)
       epoll_(::epoll_create1(EPOLL_CLOEXEC)),
       wake_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       budget_(settings.pool.maximum),
+      fibers_(epoll_, settings.pool.maximum, settings.pool.stack_bytes),
       pool_(settings.pool, [this] { return workOnce(); }),
       housekeeper_("http-house", kHousekeepingPeriod, kHousekeepingPeriod,
                    [this](const std::stop_token&) { keepHouse(); }) {}
@@ -85,7 +86,7 @@ bool ConnectionEngine::start(int listening_socket) {
   listening.events = EPOLLIN | EPOLLONESHOT;
   listening.data.ptr = this;
   if (::epoll_ctl(epoll_, EPOLL_CTL_ADD, wake_, &wake) != 0 ||
-      ::epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &listening) != 0) {
+      ::epoll_ctl(epoll_, EPOLL_CTL_ADD, listener_, &listening) != 0 || !fibers_.start()) {
     return false;
   }
   pool_.start();
@@ -96,13 +97,49 @@ bool ConnectionEngine::start(int listening_socket) {
 bool ConnectionEngine::workOnce() {
   epoll_event event{};
   const int count = ::epoll_wait(epoll_, &event, 1, -1);
-  if (stopping()) return false;
+  if (ended_.load(std::memory_order_relaxed)) return false;
   if (count <= 0) return true;
   pool_.beginWork();
-  if (event.data.ptr == this) {
+  if (RequestFibers::owns(event.data.u64)) {
+    fibers_.handleEvent(event.data.u64);
+  } else if (event.data.ptr == this) {
     accept();
   } else if (event.data.ptr != nullptr) {
-    handle(*static_cast<Connection*>(event.data.ptr));
+    take(*static_cast<Connection*>(event.data.ptr));
+  }
+  return true;
+}
+
+void ConnectionEngine::take(Connection& connection) {
+  if (!beginServing()) return close(connection);
+  fibers_.run(connection.descriptor(), [this, &connection] {
+    handle(connection);
+    endServing();
+  });
+}
+
+/// False once the engine stops. Both this and stop write one variable and then read the other, so
+/// at least one of them sees what the other has done.
+bool ConnectionEngine::beginServing() {
+  serving_.fetch_add(1);
+  if (!stopping_.load()) return true;
+  endServing();
+  return false;
+}
+
+void ConnectionEngine::endServing() {
+  if (serving_.fetch_sub(1) > 1 || !stopping_.load()) return;
+  const platform::MutexLock lock(served_mutex_);
+  served_.notifyAll();
+}
+
+bool ConnectionEngine::waitUntilServed(std::chrono::milliseconds timeout) {
+  const auto deadline = platform::steadyNow() + timeout;
+  const platform::MutexLock lock(served_mutex_);
+  while (serving_.load() > 0) {
+    const auto left = deadline - platform::steadyNow();
+    if (left <= left.zero()) return false;
+    served_.waitFor(served_mutex_, left);
   }
   return true;
 }
@@ -124,6 +161,7 @@ void ConnectionEngine::accept() {
       break;
     }
   }
+  if (stopping()) return;
   epoll_event listening{};
   listening.events = EPOLLIN | EPOLLONESHOT;
   listening.data.ptr = this;
@@ -212,7 +250,9 @@ void ConnectionEngine::close(Connection& connection) {
 
 void ConnectionEngine::keepHouse() {
   pool_.tick();
+  fibers_.wakeDue(platform::steadyNow());
   if (++housekeeping_passes_ % kExpiryPasses != 0) return;
+  fibers_.trim();
   const std::int64_t now = nanoseconds(platform::steadyNow());
   const platform::MutexLock lock(mutex_);
   for (const auto& [connection, owner] : connections_) connection->expireIfDue(now);
@@ -228,17 +268,21 @@ void ConnectionEngine::stop(std::chrono::milliseconds grace,
   if (stopping_.exchange(true)) return;
   // Refuses new connections; the descriptor stays until no thread can be using it any more.
   if (listener_ >= 0) ::shutdown(listener_, SHUT_RDWR);
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const ssize_t written = ::write(wake_, &one, sizeof one);
-  pool_.requestStop();
-  housekeeper_.stop();
   interruptAll(/*all=*/false);
-  if (!pool_.waitUntilEmpty(grace)) {
+  // The threads go on, for requests that wait on fibers.
+  if (!waitUntilServed(grace)) {
     interruptAll(/*all=*/true);
     if (on_grace_over) on_grace_over();
-    while (!pool_.waitUntilEmpty(std::chrono::seconds(10))) {
+    while (!waitUntilServed(std::chrono::seconds(10))) {
       platform::printError("[Controller] Still waiting for running requests to end");
     }
+  }
+  ended_.store(true);
+  ::eventfd_write(wake_, 1);
+  pool_.requestStop();
+  housekeeper_.stop();
+  while (!pool_.waitUntilEmpty(std::chrono::seconds(10))) {
+    platform::printError("[Controller] Still waiting for threads to end");
   }
   if (listener_ >= 0) ::close(listener_);
   const platform::MutexLock lock(mutex_);

@@ -10,6 +10,7 @@
 #include "api/client_budget.h"
 #include "api/connection.h"
 #include "api/elastic_pool.h"
+#include "api/request_fibers.h"
 #include "platform/mutex.h"
 #include "platform/periodic_task.h"
 
@@ -20,16 +21,17 @@ namespace tavrel::api {
 /// The HTTP library would hold one thread per open connection. Here a connection is parked in an
 /// epoll set until bytes arrive. Pool threads wait on that set themselves, one event each: the one
 /// that gets a connection's event owns the connection until it parks it again (the events are
-/// one-shot), so no queue and no hand-over lie between the socket and the handler. A request costs
-/// a thread only once its whole head and the beginning of its body are there; whoever dribbles
-/// bytes costs a wake-up each, no more. The threads that large or chunked bodies, answers and
-/// streams may hold are limited, so that some are always left.
+/// one-shot), so no queue and no hand-over lie between the socket and the handler. A request is
+/// begun only once its whole head and the beginning of its body are there; whoever dribbles bytes
+/// costs a wake-up each, no more. It is served on a fiber (RequestFibers): while it waits for a
+/// socket, its own or a worker's, it holds a stack and no thread. What large or chunked bodies,
+/// answers and streams may hold is limited, so that some is always left.
 ///
 /// Limits kept here: bytes and fields of a head, the time a head and a body may take, the time a
 /// connection may idle, the number of connections.
 ///
 /// Threads: start and stop belong to the owner; `serve` is called from pool threads, many at once,
-/// never twice at a time for one connection.
+/// never twice at a time for one connection, and may return on another one than it was called on.
 class ConnectionEngine {
  public:
   struct Settings {
@@ -65,6 +67,10 @@ class ConnectionEngine {
 
  private:
   bool workOnce();
+  void take(Connection& connection);
+  bool beginServing();
+  void endServing();
+  bool waitUntilServed(std::chrono::milliseconds timeout) TV_EXCLUDES(served_mutex_);
   void accept();
   void adopt(int socket, std::string remote_address);
   void handle(Connection& connection);
@@ -79,15 +85,20 @@ class ConnectionEngine {
   const Settings settings_;
   const Serve serve_;
   const int epoll_;
-  const int wake_;  ///< an eventfd in the epoll set: readable once the engine stops
+  const int wake_;  ///< an eventfd in the epoll set: readable once the threads may go
   int listener_ = -1;
 
-  std::atomic<bool> stopping_{false};
+  std::atomic<bool> stopping_{false};    ///< nothing new is begun
+  std::atomic<bool> ended_{false};       ///< nothing is left, and the threads may go
+  std::atomic<std::size_t> serving_{0};  ///< connections that are served, suspended ones included
+  platform::Mutex served_mutex_;
+  platform::CondVar served_;  ///< the last one has been, while the engine stops
   ClientBudget budget_;
 
   platform::Mutex mutex_;
   std::unordered_map<Connection*, std::unique_ptr<Connection>> connections_ TV_GUARDED_BY(mutex_);
 
+  RequestFibers fibers_;  // outlives the threads that resume them
   ElasticPool pool_;
   int housekeeping_passes_ = 0;
   platform::PeriodicTask housekeeper_;

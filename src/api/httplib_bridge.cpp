@@ -8,7 +8,8 @@ namespace tavrel::api {
 namespace {
 
 /// What the library is parsing on this thread: the link between its callbacks, which know only its
-/// own request type, and the connection.
+/// own request type, and the connection. Read before the handler runs and not after: a handler that
+/// waits may go on on another thread, while another request is parsed on this one.
 struct Parsing {
   Exchange& exchange;
   std::string path{};          ///< the decoded path; the library itself is given "/" to match

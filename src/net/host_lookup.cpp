@@ -101,6 +101,8 @@ std::shared_ptr<Lookup> startLookup(const WorkerAddress& address) {
 
 }  // namespace
 
+using platform::SocketWait;
+
 SocketWait lookUpHost(const WorkerAddress& address, int client_descriptor,
                       platform::SteadyTime deadline, std::vector<SocketAddress>& found) {
   found.clear();
@@ -113,7 +115,7 @@ SocketWait lookUpHost(const WorkerAddress& address, int client_descriptor,
 
   const auto lookup = startLookup(address);
   if (lookup == nullptr) return SocketWait::kReady;
-  const auto outcome = waitForSocket(lookup->done, POLLIN, client_descriptor, deadline);
+  const auto outcome = platform::waitForSocket(lookup->done, POLLIN, client_descriptor, deadline);
   if (outcome != SocketWait::kReady) return outcome;
   if (lookup->finished.load(std::memory_order_acquire)) found = std::move(lookup->found);
   return SocketWait::kReady;

@@ -4,8 +4,8 @@
 
 #include <vector>
 
-#include "net/socket_wait.h"
 #include "net/worker_address.h"
+#include "platform/socket_wait.h"
 
 namespace tavrel::net {
 
@@ -20,7 +20,7 @@ struct SocketAddress {
 /// host name at all. A numeric address costs no lookup. A name is looked up on a thread of its own,
 /// because the system's resolver can be neither interrupted nor given a deadline: a lookup that is
 /// no longer waited for ends by itself. kReady when `found` holds the answer.
-SocketWait lookUpHost(const WorkerAddress& address, int client_descriptor,
-                      platform::SteadyTime deadline, std::vector<SocketAddress>& found);
+platform::SocketWait lookUpHost(const WorkerAddress& address, int client_descriptor,
+                                platform::SteadyTime deadline, std::vector<SocketAddress>& found);
 
 }  // namespace tavrel::net

@@ -9,9 +9,9 @@
 #include <mutex>
 #include <string_view>
 
-#include "net/socket_wait.h"
 #include "platform/blocking.h"
 #include "platform/clock.h"
+#include "platform/socket_wait.h"
 #include "platform/text.h"
 
 namespace tavrel::net {
@@ -138,7 +138,7 @@ std::string SmtpClient::send(const SmtpServer& server, const SmtpMessage& messag
   const Handle handle(curl_easy_init(), &curl_easy_cleanup);
   const List recipients(curl_slist_append(nullptr, recipient.c_str()), &curl_slist_free_all);
   if (handle == nullptr || recipients == nullptr) return curl_easy_strerror(CURLE_FAILED_INIT);
-  Delivery delivery{impl_->cancelled, deadlineAfter(timeouts.total), message.text};
+  Delivery delivery{impl_->cancelled, platform::deadlineAfter(timeouts.total), message.text};
   setServer(handle.get(), server);
   setMessage(handle.get(), sender, recipients.get(), delivery);
   setLimits(handle.get(), timeouts, delivery);

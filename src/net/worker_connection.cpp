@@ -4,7 +4,6 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -15,8 +14,15 @@
 
 #include "net/host_lookup.h"
 #include "net/worker_connection_state.h"
+#include "platform/socket_calls.h"
+#include "platform/socket_wait.h"
 
 namespace tavrel::net {
+
+using platform::deadlineAfter;
+using platform::SocketWait;
+using platform::waitForSocket;
+
 namespace {
 
 /// Bytes asked for in one read; the buffer lives on the stack for the length of the call.
@@ -36,10 +42,6 @@ WorkerIo fromWait(SocketWait outcome) {
   }
 }
 
-bool wouldBlock(int error) {
-  return error == EAGAIN || error == EWOULDBLOCK;
-}
-
 /// Two texts that are sent as one; `advance` drops what the system has taken.
 class Outgoing {
  public:
@@ -47,16 +49,7 @@ class Outgoing {
 
   bool done() const { return parts_[0].empty() && parts_[1].empty(); }
 
-  ssize_t sendTo(int socket) const {
-    iovec vectors[2];
-    for (std::size_t i = 0; i < 2; ++i) {
-      vectors[i] = {const_cast<char*>(parts_[i].data()), parts_[i].size()};
-    }
-    msghdr message{};
-    message.msg_iov = vectors;
-    message.msg_iovlen = 2;
-    return ::sendmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-  }
+  ssize_t sendTo(int socket) const { return platform::sendNow(socket, parts_[0], parts_[1]); }
 
   void advance(std::size_t bytes) {
     for (auto& part : parts_) {
@@ -103,14 +96,14 @@ WorkerIo WorkerConnection::State::connectTo(const SocketAddress& address,
                                             platform::SteadyTime deadline) {
   socket = ::socket(address.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
   if (socket < 0) return WorkerIo::kConnectFailed;
-  if (::connect(socket, address.get(), address.length) == 0) return WorkerIo::kOk;
+  int result = platform::connectNow(socket, address.get(), address.length);
+  if (result == 0) return WorkerIo::kOk;
   // An interrupted connect goes on in the background like one in progress.
-  if (errno != EINPROGRESS && errno != EINTR) return WorkerIo::kConnectFailed;
+  if (result != -EINPROGRESS && result != -EINTR) return WorkerIo::kConnectFailed;
   // On the same machine it is done by now: asking again is cheaper than to wait for it.
-  if (::connect(socket, address.get(), address.length) == 0 || errno == EISCONN) {
-    return WorkerIo::kOk;
-  }
-  if (errno != EALREADY && errno != EINTR) return WorkerIo::kConnectFailed;
+  result = platform::connectNow(socket, address.get(), address.length);
+  if (result == 0 || result == -EISCONN) return WorkerIo::kOk;
+  if (result != -EALREADY && result != -EINTR) return WorkerIo::kConnectFailed;
 
   const auto outcome = waitForSocket(socket, POLLOUT, client, deadline);
   if (outcome == SocketWait::kClientGone) return WorkerIo::kClientGone;
@@ -131,7 +124,7 @@ WorkerIo WorkerConnection::State::receive(std::string& body, platform::SteadyTim
       const auto outcome = waitForSocket(socket, POLLIN, client, deadline);
       if (outcome != SocketWait::kReady) return fromWait(outcome);
     }
-    const ssize_t count = ::recv(socket, buffer, sizeof buffer, MSG_DONTWAIT);
+    const ssize_t count = platform::receiveNow(socket, buffer, sizeof buffer);
     input_likely = count == static_cast<ssize_t>(sizeof buffer);
     if (count > 0) {
       answer_begun = true;
@@ -142,7 +135,7 @@ WorkerIo WorkerConnection::State::receive(std::string& body, platform::SteadyTim
       return parser.finish() == HttpResponseParser::State::kDone ? WorkerIo::kOk
                                                                  : WorkerIo::kClosed;
     }
-    if (errno != EINTR && !wouldBlock(errno)) return WorkerIo::kClosed;
+    if (count != -EINTR && !platform::wouldBlock(count)) return WorkerIo::kClosed;
   }
 }
 
@@ -163,7 +156,7 @@ bool WorkerConnection::State::reusable() const {
 bool WorkerConnection::State::openAndSilent() const {
   char byte = 0;
   const ssize_t count = ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  return count < 0 && wouldBlock(errno);
+  return count < 0 && platform::wouldBlock(-errno);
 }
 
 WorkerConnection::WorkerConnection(int client_descriptor)
@@ -212,8 +205,8 @@ WorkerIo WorkerConnection::send(std::string_view head, std::string_view body,
       outgoing.advance(static_cast<std::size_t>(count));
       continue;
     }
-    if (errno == EINTR) continue;
-    if (!wouldBlock(errno)) return WorkerIo::kSendFailed;
+    if (count == -EINTR) continue;
+    if (!platform::wouldBlock(count)) return WorkerIo::kSendFailed;
     const auto outcome =
         waitForSocket(state.socket, POLLOUT, state.client, deadlineAfter(stall_timeout));
     if (outcome != SocketWait::kReady) return fromWait(outcome);

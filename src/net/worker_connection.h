@@ -26,8 +26,8 @@ enum class WorkerIo {
 /// behalf it is made and ends at once with kClientGone when that leaves, so the worker learns of it
 /// (the owner then drops the connection).
 ///
-/// Threads: one at a time. Waits announce themselves through platform::BlockingScope; what is
-/// possible without waiting is done without.
+/// Threads: one at a time. Waits suspend a fiber or block the thread (platform::waitForSocket);
+/// what is possible without waiting is done without.
 /// Use: connect, then for every exchange send, readHead, readBody until the end (or readWholeBody);
 /// reusable() tells whether another exchange may follow.
 /// Failure: told by WorkerIo; nothing throws. After kTimedOut and kClientGone of a read the call

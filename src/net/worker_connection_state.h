@@ -3,8 +3,8 @@
 #include <string>
 
 #include "net/http_response_parser.h"
-#include "net/socket_wait.h"
 #include "net/worker_connection.h"
+#include "platform/clock.h"
 
 namespace tavrel::net {
 

@@ -12,34 +12,20 @@ class BlockingObserver {
   virtual void leaveBlocking() = 0;
 
   /// The observer of the calling thread; null where nobody wants to know.
-  static BlockingObserver*& ofThisThread() {
-    thread_local BlockingObserver* observer = nullptr;
-    return observer;
-  }
+  static BlockingObserver*& ofThisThread();
 };
 
-/// Put around every wait for a peer, a program or an event that a request handler makes. Scopes may
-/// nest; only the outermost counts.
+/// Put around every wait for a peer, a program or an event that blocks the thread of a request
+/// handler. Scopes may nest; only the outermost counts. A fiber that is in one is not suspended.
 class BlockingScope {
  public:
-  BlockingScope() {
-    if (depth()++ == 0 && BlockingObserver::ofThisThread() != nullptr) {
-      BlockingObserver::ofThisThread()->enterBlocking();
-    }
-  }
-  ~BlockingScope() {
-    if (--depth() == 0 && BlockingObserver::ofThisThread() != nullptr) {
-      BlockingObserver::ofThisThread()->leaveBlocking();
-    }
-  }
+  BlockingScope();
+  ~BlockingScope();
   BlockingScope(const BlockingScope&) = delete;
   BlockingScope& operator=(const BlockingScope&) = delete;
 
- private:
-  static int& depth() {
-    thread_local int value = 0;
-    return value;
-  }
+  /// True while the calling thread is in one.
+  static bool active();
 };
 
 }  // namespace tavrel::platform
