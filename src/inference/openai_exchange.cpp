@@ -10,6 +10,9 @@ using net::WorkerIo;
 
 namespace {
 
+/// For the rest of an answer that began before the request was sent.
+constexpr std::chrono::milliseconds kEarlyAnswerWait{1000};
+
 /// How a connection looks that the worker closed while it was kept.
 bool looksStale(WorkerIo io) {
   return io == WorkerIo::kSendFailed || io == WorkerIo::kClosed;
@@ -43,9 +46,9 @@ WorkerIo OpenAiExchange::ask(std::string_view path, std::string_view body,
   const WorkerIo sent = connection_->send(head, body, settings_.stall_timeout);
   request_sent_ = sent == WorkerIo::kOk;
   if (request_sent_) return connection_->readHead(head_, wait);
-  // A worker that refuses a body early answers and hangs up without reading the rest of it.
+  // A worker that refuses a body early answers without reading the rest of it.
   if (sent == WorkerIo::kSendFailed &&
-      connection_->readHead(head_, std::chrono::milliseconds(0)) == WorkerIo::kOk) {
+      connection_->readHead(head_, kEarlyAnswerWait) == WorkerIo::kOk) {
     return WorkerIo::kOk;
   }
   return sent;

@@ -206,9 +206,10 @@ WorkerIo WorkerConnection::send(std::string_view head, std::string_view body,
       continue;
     }
     if (count == -EINTR) continue;
-    if (!platform::wouldBlock(count)) return WorkerIo::kSendFailed;
+    // A worker that speaks or hangs up while it takes no more has read all that it wants to.
+    if (!platform::wouldBlock(count) || !state.openAndSilent()) return WorkerIo::kSendFailed;
     const auto outcome =
-        waitForSocket(state.socket, POLLOUT, state.client, deadlineAfter(stall_timeout));
+        waitForSocket(state.socket, POLLOUT | POLLIN, state.client, deadlineAfter(stall_timeout));
     if (outcome != SocketWait::kReady) return fromWait(outcome);
   }
   state.request_sent = true;

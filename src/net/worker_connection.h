@@ -14,7 +14,7 @@ namespace tavrel::net {
 enum class WorkerIo {
   kOk,
   kConnectFailed,  ///< refused, unreachable, unknown host, or no connection within its time
-  kSendFailed,     ///< the worker hung up while the request was sent
+  kSendFailed,     ///< the worker hung up or answered while the request was sent
   kClosed,         ///< the worker hung up before the message was complete
   kTimedOut,       ///< nothing arrived within the time given
   kMalformed,      ///< what arrived is not HTTP
