@@ -167,7 +167,9 @@ TEST(RouterSync, TheLastListStaysWhileTheControllerIsAway) {
   const std::pair<net::HttpResult, const char*> bad_lists[] = {
       {answerWith({{"error", "Unauthorized"}}, 401), "Failed to fetch workers from controller: "},
       {{"", 0, 200, "<html>", "text/html"}, "Failed to parse worker response: "},
-      {answerWith({{"count", 0}}), "Worker sync error: the answer lists no workers"}};
+      {answerWith({{"count", 0}}), "Worker sync error: the answer lists no workers"},
+      {{"", 0, 200, std::string(std::size_t{1} << 20, '['), ""},
+       "Worker sync error: the answer nests too deeply"}};
   for (const auto& [listing, line] : bad_lists) {
     router.listing = listing;
     router.secondsUntilAsked();
