@@ -102,7 +102,7 @@ void CommandBook::storeResult(const CommandResult& result) {
   result_bytes_ -= place->second.size();
   place->second = std::move(text);
   while (results_.size() > kMaxResults ||
-         (result_bytes_ > kMaxResultBytes && results_.size() > 1)) {
+         (result_bytes_ > max_result_bytes_ && results_.size() > 1)) {
     const auto oldest = results_.find(result_order_.front());
     result_bytes_ -= oldest->second.size();
     results_.erase(oldest);

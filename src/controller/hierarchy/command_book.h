@@ -28,6 +28,9 @@ class CommandBook {
   static constexpr std::size_t kMaxResults = 4096;                       ///< the oldest are
   static constexpr std::size_t kMaxResultBytes = std::size_t{64} << 20;  ///< forgotten
 
+  explicit CommandBook(std::size_t max_result_bytes = kMaxResultBytes)
+      : max_result_bytes_(max_result_bytes) {}
+
   /// False when the command is too large or nested too deeply, or too many wait.
   bool issue(const std::string& sub_id, MasterCommand command) TV_EXCLUDES(mu_);
   /// The sub has said that it got the command. It still gets it once more, with the others: it
@@ -55,6 +58,8 @@ class CommandBook {
   void markDeliveredLocked(const std::string& sub_id, const std::string& command_id)
       TV_REQUIRES(mu_);
   void erase(std::vector<Issued>& queue, std::size_t count) TV_REQUIRES(mu_);
+
+  const std::size_t max_result_bytes_;
 
   mutable platform::Mutex mu_;
   std::map<std::string, std::vector<Issued>> queues_ TV_GUARDED_BY(mu_);

@@ -162,6 +162,14 @@ TEST(RouterSync, TheLastListStaysWhileTheControllerIsAway) {
   EXPECT_EQ(router.secondsUntilAsked(), 300);
   EXPECT_TRUE(router.workers.reap(router.wall).empty());
   EXPECT_TRUE(router.workers.modelAvailable("llama3"));
+  // The clock jumps, and everybody seems to have been silent: for a while, or for long.
+  for (const auto jump : {std::chrono::seconds{150}, std::chrono::seconds{7200}}) {
+    router.wall += jump;
+    EXPECT_EQ(router.workers.reap(router.wall).size(), 1u);
+    EXPECT_FALSE(router.workers.modelAvailable("llama3"));
+    router.tickAfter(std::chrono::seconds{1});
+    EXPECT_TRUE(router.workers.modelAvailable("llama3"));
+  }
 
   router.controller_up = true;
   const std::pair<net::HttpResult, const char*> bad_lists[] = {
