@@ -63,6 +63,7 @@ class AgentRegistry {
 
   AgentResult invoke(const AgentInvocation& invocation) TV_EXCLUDES(mu_);
 
+  std::uint64_t totalInvocations() const { return total_invocations_.load(); }
   nlohmann::json getStats() const TV_EXCLUDES(mu_);
 
   void onAgentRegistered(Callback callback) { registered_.push_back(std::move(callback)); }

@@ -97,8 +97,9 @@ BackgroundLoops::BackgroundLoops(worker::WorkerRegistry& workers,
                                  worker::TypedWorkerRegistries& typed,
                                  metrics::MetricsHistory& history, api::AuthMiddleware& auth)
     : reaper_("reaper", kReaperPeriod, kReaperPeriod,
-              [&workers, &typed](const std::stop_token&) {
+              [this, &workers, &typed](const std::stop_token&) {
                 reapStaleWorkers(workers, typed, platform::wallNow());
+                if (gateway_ != nullptr) gateway_->tidy(platform::steadyNow());
               }),
       recorder_("cluster-metrics", kFirstSample, kSamplePeriod,
                 [&workers, &routers, &typed, &history](const std::stop_token&) {

@@ -68,7 +68,9 @@ Services::Services(const Options& options)
             local_server, collector}),
       openai(workers, worker_connections, experts, local_server, collector,
              openAiSettings(options)),
-      loops(workers, routers, typed, history, auth) {}
+      loops(workers, routers, typed, history, auth) {
+  loops.tendGateway(openai);
+}
 
 void Services::createHierarchy(const Options& options) {
   hierarchy =

@@ -100,9 +100,10 @@ std::size_t InFlightBoard::inFlight(const std::string& worker_id) const {
   return it == entries_.end() ? 0 : it->second.in_flight + it->second.held;
 }
 
-std::size_t InFlightBoard::passedOver() const {
+std::size_t InFlightBoard::passedOver(platform::SteadyTime now) const {
   const platform::MutexLock lock(mu_);
-  return passes_.size();
+  return static_cast<std::size_t>(std::count_if(
+      passes_.begin(), passes_.end(), [now](const auto& pass) { return pass.first > now; }));
 }
 
 InFlightBoard::Rank InFlightBoard::rankOf(const worker::WorkerInfo& worker) {

@@ -55,8 +55,8 @@ class InFlightBoard {
 
   /// Requests under way at a worker, those still held included.
   std::size_t inFlight(const std::string& worker_id) const TV_EXCLUDES(mu_);
-  /// Workers passed over at the last choice or end of a request.
-  std::size_t passedOver() const TV_EXCLUDES(mu_);
+  /// Workers passed over at `now`.
+  std::size_t passedOver(platform::SteadyTime now) const TV_EXCLUDES(mu_);
 
  private:
   friend class WorkerLease;

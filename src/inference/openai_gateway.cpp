@@ -235,8 +235,14 @@ milliseconds OpenAiGateway::untilComment(const OpenAiAttempt& attempt) const {
 }
 
 void OpenAiGateway::endLease(OpenAiAttempt& attempt, LeaseEnd how) {
-  attempt.lease.end(how, platform::steadyNow());
-  if (how == LeaseEnd::kFault) metrics_.passedOver(board_.passedOver());
+  const auto now = platform::steadyNow();
+  attempt.lease.end(how, now);
+  if (how == LeaseEnd::kFault) metrics_.passedOver(board_.passedOver(now));
+}
+
+void OpenAiGateway::tidy(platform::SteadyTime now) {
+  pool_.expire(now);
+  metrics_.passedOver(board_.passedOver(now));
 }
 
 }  // namespace tavrel::inference

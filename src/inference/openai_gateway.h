@@ -49,6 +49,10 @@ class OpenAiGateway {
 
   OpenAiAnswer answer(const Call& call);
 
+  /// What requests do by the way, for when there are none: closes connections that have been idle
+  /// for too long and counts the workers that are passed over.
+  void tidy(platform::SteadyTime now);
+
  private:
   struct Job;
   struct Result;

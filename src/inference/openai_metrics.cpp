@@ -68,6 +68,7 @@ void OpenAiMetrics::inferred(const std::string& model, const std::string& backen
 }
 
 void OpenAiMetrics::passedOver(std::size_t workers) {
+  if (passed_over_.exchange(workers) == workers) return;
   registerFamilies();
   collector_.gaugeSet(kPassedOver, static_cast<double>(workers), {});
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <mutex>
 #include <string>
@@ -32,13 +33,14 @@ class OpenAiMetrics {
   /// A request that a worker or the local model server (`backend`) did.
   void inferred(const std::string& model, const std::string& backend, OpenAiUsage usage,
                 double seconds);
-  void passedOver(std::size_t workers);
+  void passedOver(std::size_t workers);  ///< how many now; 0 from the start on
 
  private:
   void registerFamilies();
 
   metrics::MetricsCollector& collector_;
   std::once_flag registered_;
+  std::atomic<std::size_t> passed_over_{0};
 };
 
 }  // namespace tavrel::inference

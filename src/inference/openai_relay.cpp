@@ -160,9 +160,10 @@ void OpenAiRelay::broken(const OpenAiAnswer::Sink& sink, WorkerIo io) {
 }
 
 void OpenAiRelay::end(LeaseEnd how, OpenAiOutcome outcome) {
-  attempt_.lease.end(how, platform::steadyNow());
+  const auto now = platform::steadyNow();
+  attempt_.lease.end(how, now);
   metrics_.ended(attempt_.endpoint, outcome);
-  if (how == LeaseEnd::kFault) metrics_.passedOver(board_.passedOver());
+  if (how == LeaseEnd::kFault) metrics_.passedOver(board_.passedOver(now));
   if (outcome == OpenAiOutcome::kOk) {
     metrics_.inferred(attempt_.model, attempt_.backend, readUsage(lines_.usage()),
                       attempt_.seconds());

@@ -97,11 +97,7 @@ WorkerConnectionPool::~WorkerConnectionPool() = default;
 std::unique_ptr<WorkerConnection> WorkerConnectionPool::take(const WorkerAddress& address,
                                                              int client_descriptor,
                                                              platform::SteadyTime now) {
-  Dropped dropped;
-  {
-    const platform::MutexLock lock(impl_->mutex);
-    impl_->expireLocked(now, dropped);
-  }
+  expire(now);
   while (auto connection = impl_->popNewest(address)) {
     if (connection->state_->openAndSilent()) {
       connection->state_->client = client_descriptor;
@@ -127,6 +123,12 @@ void WorkerConnectionPool::forget(const WorkerAddress& address) {
   // Taken one by one: each is closed outside the lock.
   while (impl_->popNewest(address) != nullptr) {
   }
+}
+
+void WorkerConnectionPool::expire(platform::SteadyTime now) {
+  Dropped dropped;
+  const platform::MutexLock lock(impl_->mutex);
+  impl_->expireLocked(now, dropped);
 }
 
 std::size_t WorkerConnectionPool::idleConnections() const {

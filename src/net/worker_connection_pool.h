@@ -13,7 +13,7 @@ namespace tavrel::net {
 /// worker and in total (the oldest makes room), each dropped after a while unused.
 ///
 /// Threads: any; the lock is a leaf, sockets are probed and closed outside it.
-/// Time: `now` decides what has been idle for too long; expiry happens in take and giveBack.
+/// Time: `now` decides what has been idle for too long; take and giveBack look for it too.
 class WorkerConnectionPool {
  public:
   struct Limits {
@@ -38,6 +38,9 @@ class WorkerConnectionPool {
 
   /// Closes the kept connections to an address (a worker that left or failed).
   void forget(const WorkerAddress& address);
+
+  /// Closes what has been idle for too long, for when nobody takes or gives back.
+  void expire(platform::SteadyTime now);
 
   std::size_t idleConnections() const;
 

@@ -6,11 +6,15 @@
 #include "api/route_book.h"
 #include "cluster/agent_registry.h"
 #include "cluster/llm_pool.h"
+#include "cluster/router_registry.h"
+#include "controller/controller_identity.h"
 #include "controller/routes/families.h"
 #include "inference/agent_host.h"
 #include "net/http_client.h"
 #include "support/json_client.h"
 #include "support/mock_peer.h"
+#include "worker/typed_worker_registry.h"
+#include "worker/worker_registry.h"
 
 namespace tavrel::test {
 namespace {
@@ -27,6 +31,8 @@ struct ClusterAgentRoutes : testing::Test {
           api::RouteBook book;
           controller::addClusterAgentRoutes(book, with_cluster ? &llm_pool : nullptr,
                                             with_cluster ? &agents : nullptr, host);
+          controller::addStatusRoutes(book, identity, workers, routers, typed,
+                                      with_cluster ? &agents : nullptr);
           return book;
         }()) {}
 
@@ -47,7 +53,10 @@ struct ClusterAgentRoutes : testing::Test {
   cluster::LoadBalancer balancer{registry, cluster::LoadBalanceStrategy::kLeastLoad};
   cluster::LLMPool llm_pool{registry, balancer, transport};
   cluster::AgentRegistry agents{registry, transport};
+  controller::ControllerIdentity identity;
   worker::WorkerRegistry workers;
+  cluster::RouterRegistry routers;
+  worker::TypedWorkerRegistries typed;
   MockPeer local{MockPeer::answering(chatAnswer("from the local server"))};
   inference::AgentHost host{workers, http, local.url("")};
   TestServer server;
@@ -84,6 +93,10 @@ TEST_F(ClusterAgentRoutes, AnAgentIsRegisteredListedAndInvokedOnItsNode) {
   const json none = client.post("/api/v1/cluster/agents/invoke", {{"prompt", "go"}}).json;
   EXPECT_EQ(none["error"], "No available agent for type: general");
   EXPECT_EQ(client.get("/api/v1/cluster/agents/stats").json["total_invocations"], 2);
+  EXPECT_EQ(client.get("/api/v1/status").json["metrics"], (json{{"active_swarms", 0},
+                                                                {"online_workers", 0},
+                                                                {"installed_agents", 1},
+                                                                {"total_agent_invocations", 2}}));
   EXPECT_EQ(client.post("/api/v1/cluster/agents/register", json::object()).error(),
             "Agent id is required");
   for (const char* path : {"register", "invoke"}) {

@@ -233,6 +233,8 @@ TEST_F(OpenAiRoutes, OnlyFaultsGetAWorkerPassedOver) {
   EXPECT_EQ(full.requests().size(), 8U);
   EXPECT_EQ(broken.requests().size(), 7U);  // from the fourth time on one of the two is spared
   EXPECT_THAT(metrics(), HasSubstr("tavrel_gateway_workers_passed_over 2"));
+  gateway_->tidy(platform::steadyNow() + std::chrono::hours(1));
+  EXPECT_THAT(metrics(), HasSubstr("tavrel_gateway_workers_passed_over 0"));
 }
 
 TEST_F(OpenAiRoutes, AnUnreachableWorkerIsABadGateway) {

@@ -52,7 +52,7 @@ class WorkerRoutes : public testing::Test {
   test::TestServer server_{[this](api::RouteBook& book) {
     addWorkerRoutes(book, workers_, routers_, events_, history_, configs_, pipelines_,
                     [this](const std::string& id) { refreshed_.push_back(id); });
-    addStatusRoutes(book, self_, workers_, routers_, typed_);
+    addStatusRoutes(book, self_, workers_, routers_, typed_, nullptr);
     addRouterRoutes(book, routers_);
   }};
   test::JsonClient client_{server_};

@@ -96,9 +96,11 @@ void addCredentialRoutes(api::RouteBook& book, const AccountAccess& access);
 /// Tenants live on the data workers, who are asked.
 void addTenantRoutes(api::RouteBook& book, const worker::TypedWorkerRegistry& data_workers,
                      net::WorkerClient& client);
+/// `agents` is null without a cluster.
 void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
                      const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
-                     const worker::TypedWorkerRegistries& typed);
+                     const worker::TypedWorkerRegistries& typed,
+                     const cluster::AgentRegistry* agents);
 /// `refresh_node` is told the id of every cluster node that reports itself; it may be empty.
 void addWorkerRoutes(api::RouteBook& book, worker::WorkerRegistry& workers,
                      cluster::RouterRegistry& routers, events::EventStreamService& events,

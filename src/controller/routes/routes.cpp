@@ -16,7 +16,7 @@ void addAllRoutes(api::RouteBook& book, Services& s) {
   addUserDataRoutes(book, s.accounts);
   addCredentialRoutes(book, s.accounts);
   addTenantRoutes(book, s.typed.of(worker::WorkerKind::kData), s.worker_client);
-  addStatusRoutes(book, s.self, s.workers, s.routers, s.typed);
+  addStatusRoutes(book, s.self, s.workers, s.routers, s.typed, c == nullptr ? nullptr : &c->agents);
   addEventRoutes(book, s.events);
   addMetricsRoutes(book, s.collector, s.history);
   addWorkerRoutes(book, s.workers, s.routers, s.events, s.history, s.node_configs, s.pipelines,

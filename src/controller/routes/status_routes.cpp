@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "api/route_book.h"
+#include "cluster/agent_registry.h"
 #include "cluster/router_registry.h"
 #include "controller/controller_identity.h"
 #include "controller/routes/families.h"
@@ -131,6 +132,7 @@ struct StatusRoutes {
   const worker::WorkerRegistry& workers;
   const cluster::RouterRegistry& routers;
   const worker::TypedWorkerRegistries& typed;
+  const cluster::AgentRegistry* agents;
 
   Response status(Context&, const Request&) const {
     std::size_t online = 0;
@@ -141,15 +143,15 @@ struct StatusRoutes {
     for (const auto& swarm : typed.of(worker::WorkerKind::kSwarm).snapshot()) {
       swarms += swarm->number("active_swarms");
     }
-    // Agents are installed and invoked by subsystems that have not joined: there are none.
-    return Response::ok({{"controller_name", self.name},
-                         {"controller_id", self.id},
-                         {"version", kVersion},
-                         {"metrics",
-                          {{"active_swarms", swarms},
-                           {"online_workers", online},
-                           {"installed_agents", 0},
-                           {"total_agent_invocations", 0}}}});
+    return Response::ok(
+        {{"controller_name", self.name},
+         {"controller_id", self.id},
+         {"version", kVersion},
+         {"metrics",
+          {{"active_swarms", swarms},
+           {"online_workers", online},
+           {"installed_agents", agents == nullptr ? 0 : agents->getAgentCount()},
+           {"total_agent_invocations", agents == nullptr ? 0 : agents->totalInvocations()}}}});
   }
 
   Response components(Context&, const Request&) const {
@@ -170,8 +172,9 @@ struct StatusRoutes {
 
 void addStatusRoutes(api::RouteBook& book, const ControllerIdentity& self,
                      const worker::WorkerRegistry& workers, const cluster::RouterRegistry& routers,
-                     const worker::TypedWorkerRegistries& typed) {
-  const StatusRoutes h{self, workers, routers, typed};
+                     const worker::TypedWorkerRegistries& typed,
+                     const cluster::AgentRegistry* agents) {
+  const StatusRoutes h{self, workers, routers, typed, agents};
   book.get("/api/v1/health", [](Context&, const Request&) {
     return Response::ok({{"status", "ok"}, {"version", kVersion}, {"component", "controller"}});
   });

@@ -87,16 +87,16 @@ TEST_F(InFlightBoardTest, AWorkerThatMovedStartsAfresh) {
   add("b");
   WorkerLease old = choose(kStart, {"b"});
   fail("a", 3, kStart);
-  EXPECT_EQ(board_.passedOver(), 1U);
+  EXPECT_EQ(board_.passedOver(kStart), 1U);
   add("a", 0, "10.0.0.9");
   EXPECT_EQ(chosenId(kStart, {"b"}), "a");
-  EXPECT_EQ(board_.passedOver(), 0U);
+  EXPECT_EQ(board_.passedOver(kStart), 0U);
   // What is still under way at the old address counts as busy, but not as a fault.
   fail("a", 2, kStart);
   old.end(LeaseEnd::kFault, kStart);
-  EXPECT_EQ(board_.passedOver(), 0U);
+  EXPECT_EQ(board_.passedOver(kStart), 0U);
   fail("a", 1, kStart);
-  EXPECT_EQ(board_.passedOver(), 1U);
+  EXPECT_EQ(board_.passedOver(kStart), 1U);
 }
 
 TEST_F(InFlightBoardTest, LeasesOutliveTheirWorkersRegistration) {

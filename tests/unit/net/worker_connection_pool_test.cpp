@@ -97,6 +97,12 @@ TEST_F(WorkerConnectionPoolTest, IdleOnesExpireWhicheverWorkerIsAskedFor) {
   EXPECT_EQ(pool_.idleConnections(), 1U);
   EXPECT_TRUE(peer_.waitForHangUp(0).has_value());
   EXPECT_NE(pool_.take(at(peer_), -1, now_ + seconds(50)), nullptr);
+
+  pool_.giveBack(at(peer_), usedConnection(peer_), now_ + seconds(50));
+  pool_.expire(now_ + seconds(80));
+  EXPECT_EQ(pool_.idleConnections(), 1U);
+  pool_.expire(now_ + seconds(81));
+  EXPECT_EQ(pool_.idleConnections(), 0U);
 }
 
 TEST_F(WorkerConnectionPoolTest, ForgetClosesTheConnectionsOfOneWorker) {
