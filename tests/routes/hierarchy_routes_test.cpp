@@ -160,6 +160,12 @@ TEST(HierarchyRoutes, ACommandThatCannotBePushedComesWithTheNextPassAndOnlyOnce)
           .json;
   EXPECT_EQ(sent["delivered"], false);
   const std::string id = sent["command_id"];
+  for (int i = 0; i < 3; ++i) {  // more than one answer has room for
+    controller::MasterCommand large;
+    large.id = std::to_string(i);
+    large.payload = std::string(controller::CommandBook::kMaxHandedOverBytes / 2 + 1, 'x');
+    pair.master.hierarchy.sendCommand("the-sub", large);
+  }
   EXPECT_EQ(pair.master.client.get("/api/v1/commands/" + id + "/result").json["error"],
             "not_found");
   pair.sub.hierarchy.commandPass();

@@ -120,6 +120,7 @@ class ControllerHierarchy {
   void onCommandReceived(CommandCallback callback) { callbacks_.push_back(std::move(callback)); }
   bool registerWithMaster() TV_EXCLUDES(master_mu_);
   void sendHeartbeatToMaster() TV_EXCLUDES(master_mu_);
+  /// Fetches what waits, in as many portions as it takes.
   void pollCommandsFromMaster();
   /// A command came. False when too many wait, or it is too large.
   bool receiveCommand(const MasterCommand& command);
@@ -147,6 +148,8 @@ class ControllerHierarchy {
 
   nlohmann::json selfDescription() const;
   void setConnected(bool connected) TV_EXCLUDES(master_mu_);
+  /// False when none came.
+  bool fetchCommands();
   /// False when the master could not be reached.
   bool sendReport(const std::string& report);
   void sendUnreported() TV_EXCLUDES(master_mu_);

@@ -16,6 +16,8 @@ namespace {
 
 /// The version of the protocol between master and subs.
 constexpr const char* kHierarchyVersion = "3.0.8";
+/// Of the commands that wait, in one pass.
+constexpr int kMostPortions = 32;
 constexpr std::size_t kMaxUnreported = 1000;
 constexpr std::size_t kMaxUnreportedBytes = std::size_t{64} << 20;
 constexpr std::size_t kMaxReportBytes = std::size_t{32} << 20;
@@ -97,13 +99,19 @@ void ControllerHierarchy::sendHeartbeatToMaster() {
 }
 
 void ControllerHierarchy::pollCommandsFromMaster() {
+  for (int fetched = 0; fetched < kMostPortions && fetchCommands(); ++fetched) continue;
+}
+
+bool ControllerHierarchy::fetchCommands() {
   json reply;
   try {
     reply = platform::parseForeignJson(httpGet(masterUrl("/api/v1/hierarchy/commands")));
   } catch (const std::exception&) {
-    return;  // asked again with the next pass
+    return false;  // asked again with the next pass
   }
-  if (!reply.is_object() || !reply.contains("commands") || !reply["commands"].is_array()) return;
+  if (!reply.is_object() || !reply.contains("commands") || !reply["commands"].is_array()) {
+    return false;
+  }
   for (const json& sent : reply["commands"]) {
     MasterCommand command;
     try {
@@ -118,6 +126,7 @@ void ControllerHierarchy::pollCommandsFromMaster() {
       reportCommandResult(command.id, false, nullptr, "Too many commands wait, or too large");
     }
   }
+  return !reply["commands"].empty();
 }
 
 bool ControllerHierarchy::receiveCommand(const MasterCommand& command) {
