@@ -21,6 +21,11 @@ bool isHost(std::string_view text) {
 
 }  // namespace
 
+std::string Endpoint::text() const {
+  const bool bare_ipv6 = host.find(':') != std::string::npos && host[0] != '[';
+  return (bare_ipv6 ? "[" + host + "]" : host) + ":" + std::to_string(port);
+}
+
 Endpoint parseEndpoint(std::string_view text, std::int32_t default_port) {
   const bool bracketed = text.starts_with('[') && text.find(']') != std::string_view::npos;
   const std::size_t colon = text.find(':', bracketed ? text.find(']') : 0);
@@ -38,10 +43,7 @@ Endpoint parseEndpoint(std::string_view text, std::int32_t default_port) {
 
 std::string endpointUrl(const Endpoint& endpoint, std::string_view path) {
   if (!isHost(endpoint.host) || endpoint.port <= 0 || endpoint.port > 65535) return "";
-  const bool bare_ipv6 = endpoint.host.find(':') != std::string::npos && endpoint.host[0] != '[';
-  std::string url = "http://";
-  url += bare_ipv6 ? "[" + endpoint.host + "]" : endpoint.host;
-  url += ":" + std::to_string(endpoint.port);
+  std::string url = "http://" + endpoint.text();
   url += path;
   return url;
 }

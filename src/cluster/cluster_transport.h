@@ -21,7 +21,8 @@ struct Endpoint {
   std::int32_t port = 0;
 
   bool operator==(const Endpoint&) const = default;
-  std::string text() const { return host + ":" + std::to_string(port); }
+  /// As parseEndpoint reads it: an IPv6 address stands in brackets.
+  std::string text() const;
 };
 
 /// Reads "host", "host:port" or "[IPv6]:port". Throws std::invalid_argument when the host is empty

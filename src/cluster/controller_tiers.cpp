@@ -1,14 +1,15 @@
 #include "cluster/controller_tiers.h"
 
 #include <algorithm>
-#include <array>
 #include <exception>
+#include <iterator>
 #include <stdexcept>
 #include <utility>
 
 #include "cluster/cluster_transport.h"
 #include "cluster/router_registry.h"
 #include "net/worker_client.h"
+#include "platform/enum_text.h"
 #include "platform/json_fields.h"
 #include "platform/json_text.h"
 #include "platform/side_by_side.h"
@@ -23,12 +24,23 @@ using platform::readField;
 
 namespace {
 
-constexpr std::array<std::string_view, 3> kTierTexts{"primary", "secondary", "tertiary"};
+constexpr std::string_view kTierTexts[] = {"primary", "secondary", "tertiary"};
 constexpr std::int32_t kPlainHttpPort = 80;
 constexpr std::chrono::seconds kProbeTimeout{5};
-constexpr std::chrono::seconds kCapabilitiesTimeout{3};
 constexpr std::chrono::seconds kJobTimeout{30};
 constexpr std::chrono::seconds kRegisterTimeout{10};
+
+/// How long children are asked for their capabilities, by the hops that the question has passed.
+/// Who is asked by its parent answers before the parent gives it up, whichever of its own children
+/// hang.
+struct CapabilityPatience {
+  std::chrono::milliseconds of_each;
+  std::chrono::milliseconds begin_within;
+};
+constexpr CapabilityPatience kCapabilityPatience[] = {
+    {std::chrono::seconds{3}, std::chrono::seconds{9}},
+    {std::chrono::seconds{2}, std::chrono::milliseconds{500}}};
+static_assert(std::size(kCapabilityPatience) == ControllerTiers::kMostCapabilityHops);
 
 /// The flags of a worker's capabilities that are set.
 std::vector<std::string> flagsOf(const worker::WorkerInfo& worker) {
@@ -60,15 +72,11 @@ json parsedReply(const net::HttpResult& result) {
 }  // namespace
 
 std::string controllerTierToString(ControllerTier tier) {
-  const auto place = static_cast<std::size_t>(tier);
-  return std::string(place < kTierTexts.size() ? kTierTexts[place] : "unknown");
+  return platform::enumText(tier, kTierTexts);
 }
 
 std::optional<ControllerTier> controllerTierFromString(std::string_view text) {
-  for (std::size_t place = 0; place < kTierTexts.size(); ++place) {
-    if (kTierTexts[place] == text) return static_cast<ControllerTier>(place);
-  }
-  return std::nullopt;
+  return platform::enumFromText<ControllerTier>(text, kTierTexts);
 }
 
 json ConnectedController::toJson() const {
@@ -170,10 +178,7 @@ std::size_t ControllerTiers::connectedCount() const {
 }
 
 json ControllerTiers::list() const {
-  json controllers = json::array();
-  for (const ConnectedController& controller : children()) {
-    controllers.push_back(controller.toJson());
-  }
+  json controllers = platform::jsonArray(children());
   const std::size_t count = controllers.size();
   return {{"this_controller",
            {{"id", self_.id},
@@ -231,6 +236,9 @@ Outcome ControllerTiers::connect(const json& body) {
   }
   {
     const MutexLock lock(mu_);
+    if (controllers_.size() >= kMostControllers && !controllers_.contains(controller.id)) {
+      return Outcome::refused(503, "Too many controllers are connected");
+    }
     controllers_[controller.id] = controller;
   }
   env_.print("[Controllers] Connected to " + tier + " controller: " + address);
@@ -261,7 +269,10 @@ std::set<std::string> ControllerTiers::ownCapabilities() const {
 }
 
 json ControllerTiers::capabilities(std::int32_t hops) {
-  const auto asked = hops < kMostCapabilityHops ? children() : std::vector<ConnectedController>{};
+  const bool asks = hops >= 0 && hops < kMostCapabilityHops;
+  const auto asked = asks ? children() : std::vector<ConnectedController>{};
+  const CapabilityPatience patience =
+      asks ? kCapabilityPatience[static_cast<std::size_t>(hops)] : CapabilityPatience{};
   std::vector<std::vector<std::string>> told(asked.size());
   std::vector<std::function<void()>> jobs;
   for (std::size_t i = 0; i < asked.size(); ++i) {
@@ -269,7 +280,7 @@ json ControllerTiers::capabilities(std::int32_t hops) {
       ControllerCall call;
       call.url =
           urlOf(asked[i], "/api/v1/controllers/capabilities?hops=" + std::to_string(hops + 1));
-      call.timeouts = {kCapabilitiesTimeout, kCapabilitiesTimeout};
+      call.timeouts = {patience.of_each, patience.of_each};
       try {
         const json reply = platform::parseForeignJson(env_.transport.send(call).body);
         readField(reply, "capabilities", told[i]);
@@ -278,7 +289,7 @@ json ControllerTiers::capabilities(std::int32_t hops) {
       }
     });
   }
-  platform::runSideBySide(jobs, env_.at_once);
+  platform::runSideBySide(jobs, env_.at_once, patience.begin_within);
 
   std::set<std::string> all = ownCapabilities();
   json controllers = json::array();

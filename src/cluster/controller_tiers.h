@@ -89,6 +89,7 @@ class ControllerTiers {
   static constexpr std::int32_t kMostHops = 8;
   /// How far down capabilities are asked for: there are three tiers.
   static constexpr std::int32_t kMostCapabilityHops = 2;
+  static constexpr std::size_t kMostControllers = 10'000;  ///< connected to this one
 
   /// Everything must outlive it.
   ControllerTiers(ThisController self, const worker::WorkerRegistry& workers,

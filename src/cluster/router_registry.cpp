@@ -24,6 +24,11 @@ void readDescription(const json& body, RouterInfo& router) {
   readField(body, "version", router.version);
 }
 
+std::size_t textBytes(const RouterInfo& router) {
+  return router.id.size() + router.hostname.size() + router.address.size() + router.version.size() +
+         router.ai_control.model.size();
+}
+
 }  // namespace
 
 json RouterInfo::toJson() const {
@@ -64,8 +69,10 @@ std::vector<RouterRule> routerRulesFrom(const json& rules) {
   return result;
 }
 
-RouterInfo RouterRegistry::add(RouterInfo router) {
+std::optional<RouterInfo> RouterRegistry::add(RouterInfo router) {
+  if (textBytes(router) > kMaxTextBytes) return std::nullopt;
   MutexLock lock(mu_);
+  if (routers_.size() >= kMostRouters) return std::nullopt;
   do {
     router.id = "rtr-" + platform::randomHex(kIdDigits);
   } while (!routers_.try_emplace(router.id, router).second);
@@ -75,8 +82,13 @@ RouterInfo RouterRegistry::add(RouterInfo router) {
 RouterRegistry::Heartbeat RouterRegistry::heartbeat(const std::string& id, const json& body,
                                                     platform::WallTime now) {
   RouterInfo checked;
+  checked.id = id;
   readDescription(body, checked);  // raises here, while nothing is touched
+  if (textBytes(checked) > kMaxTextBytes) return {std::move(checked), false, true};
   MutexLock lock(mu_);
+  if (routers_.size() >= kMostRouters && !routers_.contains(id)) {
+    return {std::move(checked), false, true};
+  }
   const auto [place, added] = routers_.try_emplace(id);
   RouterInfo& router = place->second;
   router.id = id;

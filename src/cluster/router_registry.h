@@ -43,12 +43,18 @@ class RouterRegistry {
   RouterRegistry(const RouterRegistry&) = delete;
   RouterRegistry& operator=(const RouterRegistry&) = delete;
 
-  /// Stores a router an operator described, under a new id "rtr-" and 8 hexadecimal digits.
-  RouterInfo add(RouterInfo router) TV_EXCLUDES(mu_);
+  /// Anybody may announce routers: that cannot fill the memory.
+  static constexpr std::size_t kMostRouters = 10'000;
+  static constexpr std::size_t kMaxTextBytes = std::size_t{8} << 10;  ///< of one, without rules
+
+  /// Stores a router an operator described, under a new id "rtr-" and 8 hexadecimal digits. Nothing
+  /// when it is too large, or no more are kept.
+  std::optional<RouterInfo> add(RouterInfo router) TV_EXCLUDES(mu_);
 
   struct Heartbeat {
     RouterInfo router;        ///< as it is now
     bool registered = false;  ///< it was not known before
+    bool refused = false;     ///< it is too large, or no more are kept; nothing was changed
   };
   /// Takes over what the body says of "hostname", "address", "port" and "version"; the router is
   /// healthy and heard of at `now`, and registered when it was not known. Values of a wrong type

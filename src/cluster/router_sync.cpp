@@ -9,7 +9,6 @@
 #include "net/worker_client.h"
 #include "platform/json_text.h"
 #include "platform/text.h"
-#include "worker/worker_registry.h"
 
 namespace tavrel::cluster {
 namespace {
@@ -82,7 +81,10 @@ bool RouterSync::synchronise() {
     }
     env_.print("[Router] Synced " + std::to_string(list.workers.size()) +
                " workers from controller");
-    mirrored_ = std::move(list.ids);
+    mirrored_.clear();
+    for (const std::string& id : list.ids) {
+      if (worker::WorkerPtr worker = workers_.find(id)) mirrored_.emplace(id, std::move(worker));
+    }
     return true;
   } catch (const json::parse_error& error) {
     env_.print(std::string("[Router] Failed to parse worker response: ") + error.what());
@@ -101,11 +103,19 @@ void RouterSync::removeUnlisted(const std::set<std::string>& listed) {
 
 void RouterSync::keepAlive() {
   const platform::WallTime now = env_.wall();
-  for (const worker::WorkerPtr& worker : workers_.snapshot()) {
-    if (!mirrored_.contains(worker->worker_id)) continue;
-    if (now - worker->last_heartbeat < kKeepAlivePeriod) continue;
-    workers_.update(worker->worker_id,
-                    [now](worker::WorkerInfo& kept) { kept.last_heartbeat = now; });
+  for (const auto& [id, listed] : mirrored_) {
+    const worker::WorkerPtr worker = workers_.find(id);
+    if (worker == nullptr) {
+      worker::WorkerInfo back = *listed;
+      back.last_heartbeat = now;
+      workers_.registerWorker(std::move(back), false);
+    } else if (worker->status != listed->status ||
+               now - worker->last_heartbeat >= kKeepAlivePeriod) {
+      workers_.update(id, [now, status = listed->status](worker::WorkerInfo& kept) {
+        kept.last_heartbeat = now;
+        kept.status = status;
+      });
+    }
   }
 }
 

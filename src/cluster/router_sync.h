@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <set>
 #include <string>
 #include <string_view>
@@ -12,10 +13,7 @@
 #include "platform/clock.h"
 #include "platform/console.h"
 #include "platform/periodic_task.h"
-
-namespace tavrel::worker {
-class WorkerRegistry;
-}
+#include "worker/worker_registry.h"
 
 namespace tavrel::cluster {
 
@@ -38,8 +36,9 @@ struct RouterSyncEnvironment {
 
 /// Router mode: makes the registry a copy of a controller's list of workers and tells the
 /// controller that this router lives, at once and then with every interval. While the controller is
-/// away the last list stays, its workers are kept from being given up as silent, and the controller
-/// is asked less and less often, at least every five minutes.
+/// away the last list stays, its workers are kept from being given up as silent (and come back when
+/// they were, after the machine slept or its clock jumped), and the controller is asked less and
+/// less often, at least every five minutes.
 ///
 /// Threads: one, `router-sync`; start, stop and the destructor belong to the owner. Stopping waits
 ///   for a running call.
@@ -71,7 +70,7 @@ class RouterSync {
   // Of the thread that ticks.
   int errors_ = 0;  ///< in a row
   platform::SteadyTime next_sync_{};
-  std::set<std::string> mirrored_;
+  std::map<std::string, worker::WorkerPtr> mirrored_;  ///< as the controller listed them
 
   platform::PeriodicTask task_;  // last: its thread uses all of the above
 };

@@ -7,6 +7,7 @@
 
 #include "net/worker_client.h"
 #include "platform/json_fields.h"
+#include "platform/json_text.h"
 #include "platform/text.h"
 #include "worker/worker_registry.h"
 
@@ -19,6 +20,8 @@ namespace {
 
 constexpr net::Timeouts kFetchTimeouts{std::chrono::seconds{5}, std::chrono::seconds{10}};
 constexpr std::size_t kMaxListBytes = std::size_t{256} << 20;
+/// A worker has about a hundred.
+constexpr std::size_t kMaxListValues = std::size_t{16} << 20;
 
 bool isLoopback(const std::string& host) {
   return host == "localhost" || host == "::1" || host.starts_with("127.");
@@ -43,6 +46,9 @@ net::HttpResult fetchWorkers(ControllerTransport& transport, const std::string& 
 
 WorkerList readWorkerList(const std::string& body, const std::string& base_url,
                           platform::WallTime now) {
+  if (!platform::jsonWithinLimits(body, platform::kMaxForeignJsonDepth, kMaxListValues)) {
+    throw std::runtime_error("the answer nests too deeply, or has too many values");
+  }
   const json answer = json::parse(platform::replaceInvalidUtf8(body));
   const json* listed = answer.is_object() ? platform::jsonMember(answer, "workers") : nullptr;
   if (listed == nullptr || !listed->is_array()) {

@@ -49,7 +49,7 @@ std::string replaceLoneSurrogates(std::string_view text) {
 
 }  // namespace
 
-bool jsonWithinLimits(std::string_view text, int max_depth) {
+bool jsonWithinLimits(std::string_view text, int max_depth, std::size_t max_values) {
   int depth = 0;
   std::size_t values = 0;  // commas and openings: nearly that many, never much fewer
   bool in_string = false;
@@ -64,9 +64,9 @@ bool jsonWithinLimits(std::string_view text, int max_depth) {
     } else if (c == '"') {
       in_string = true;
     } else if (c == '[' || c == '{') {
-      if (++depth > max_depth || ++values > kMaxJsonValues) return false;
+      if (++depth > max_depth || ++values > max_values) return false;
     } else if (c == ',') {
-      if (++values > kMaxJsonValues) return false;
+      if (++values > max_values) return false;
     } else if (c == ']' || c == '}') {
       --depth;
     }

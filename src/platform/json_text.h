@@ -8,12 +8,13 @@
 // JSON as text, where what comes in was written by somebody else. No state; any thread.
 namespace tavrel::platform {
 
-/// True when no object or array in `text` lies deeper than `max_depth`, and it has no more than
-/// kMaxJsonValues values. Text that is not JSON may give either answer.
-bool jsonWithinLimits(std::string_view text, int max_depth);
-
 /// Values that are still read. A value takes two bytes of text and up to a hundred in memory.
 inline constexpr std::size_t kMaxJsonValues = std::size_t{1} << 20;
+
+/// True when no object or array in `text` lies deeper than `max_depth`, and it has no more than
+/// `max_values` values. Text that is not JSON may give either answer.
+bool jsonWithinLimits(std::string_view text, int max_depth,
+                      std::size_t max_values = kMaxJsonValues);
 
 /// Nesting that is still read. Deeper documents would exhaust the stack when copied or written.
 inline constexpr int kMaxForeignJsonDepth = 256;

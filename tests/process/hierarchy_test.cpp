@@ -51,8 +51,7 @@ TEST(HierarchyProcess, ASubControllerCarriesOutWhatItsMasterOrders) {
   Controller master(
       {"--node-id", "top", "--master-api-key", kKey, "--api-key", kKey, "--require-auth"});
   Controller sub({"--sub", "--node-id", "low", "--master-url", "http://" + placeOf(master),
-                  "--master-api-key", kKey, "--api-key", kKey, "--require-auth"},
-                 {}, freePort());
+                  "--master-api-key", kKey, "--api-key", kKey, "--require-auth"});
   EXPECT_TRUE(sub.process().waitForLine("Controller hierarchy initialized as sub", 1s));
   const DevWorker worker = workerOf(sub);
   sub.getUntil("/api/v1/workers", "\"online\"");

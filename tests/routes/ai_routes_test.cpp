@@ -94,7 +94,7 @@ TEST(AiRoutes, TheStatusTellsHowEverybodyUsesItsModel) {
   cluster::RouterInfo router;
   router.hostname = "edge";
   router.ai_control.mode = cluster::AIControlMode::kAdvisory;
-  router = server.routers.add(router);
+  router = *server.routers.add(router);
   worker::WorkerInfo worker;
   worker.worker_id = "w";
   worker.hostname = "gpu-box";

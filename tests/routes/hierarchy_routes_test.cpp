@@ -160,6 +160,12 @@ TEST(HierarchyRoutes, ACommandThatCannotBePushedComesWithTheNextPassAndOnlyOnce)
           .json;
   EXPECT_EQ(sent["delivered"], false);
   const std::string id = sent["command_id"];
+  for (int i = 0; i < 3; ++i) {  // more than one answer has room for
+    controller::MasterCommand large;
+    large.id = std::to_string(i);
+    large.payload = std::string(controller::CommandBook::kMaxHandedOverBytes / 2 + 1, 'x');
+    pair.master.hierarchy.sendCommand("the-sub", large);
+  }
   EXPECT_EQ(pair.master.client.get("/api/v1/commands/" + id + "/result").json["error"],
             "not_found");
   pair.sub.hierarchy.commandPass();
@@ -295,6 +301,15 @@ TEST(EdgeServerRoutes, AFloodOfEdgesIsBounded) {
   EXPECT_FALSE(edges.find("0"));
 
   Controller master(ControllerRole::kMaster);
+  const json large{{"address", "10.0.0.1"},
+                   {"edge_id", "large"},
+                   {"router_urls", {std::string(ControllerHierarchy::kMaxEdgeBytes, 'x')}},
+                   {"metrics", {{"m", std::string(controller::EdgeServers::kMaxBytes, 'x')}}}};
+  for (const char* path : {"/api/v1/edges/register", "/api/v1/edges/large/heartbeat"}) {
+    EXPECT_EQ(master.client.post(path, large).status, 413) << path;
+  }
+  EXPECT_FALSE(master.edges.find("large"));
+  EXPECT_EQ(master.client.post("/api/v1/edges", large).error(), "Failed to add edge");
   for (std::size_t i = 0; i < ControllerHierarchy::kMostEdges; ++i) {
     controller::EdgeNodeInfo edge;
     edge.id = std::to_string(i);

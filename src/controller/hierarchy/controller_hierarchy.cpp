@@ -5,6 +5,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "platform/json_fields.h"
 #include "platform/json_text.h"
 #include "platform/side_by_side.h"
 
@@ -19,13 +20,6 @@ namespace {
 /// No probe is begun later than this after its pass began.
 constexpr std::chrono::seconds kProbePassLimit{25};
 constexpr double kOldShare = 0.8;  ///< of the smoothed response time
-
-template <class Record>
-json arrayOf(const std::vector<Record>& records) {
-  json array = json::array();
-  for (const Record& record : records) array.push_back(record.toJson());
-  return array;
-}
 
 template <class Record>
 std::vector<Record> valuesOf(const std::map<std::string, Record>& map) {
@@ -104,8 +98,8 @@ json ControllerHierarchy::getStatus() const {
               {"running", running_.load()},
               {"sub_controller_count", subs.size()},
               {"edge_node_count", edges.size()},
-              {"sub_controllers", arrayOf(subs)},
-              {"edge_nodes", arrayOf(edges)},
+              {"sub_controllers", platform::jsonArray(subs)},
+              {"edge_nodes", platform::jsonArray(edges)},
               {"pending_commands", inbox_.size() + book_.waiting()}};
   if (role() == ControllerRole::kSub) status["master"] = masterRef().toJson();
   return status;
@@ -126,10 +120,10 @@ std::string ControllerHierarchy::httpGet(const std::string& url) {
   return call(std::move(request));
 }
 
-std::string ControllerHierarchy::httpPost(const std::string& url, const json& body) {
+std::string ControllerHierarchy::httpPost(const std::string& url, std::string body) {
   cluster::ControllerCall request;
   request.url = url;
-  request.body = platform::dumpJson(body);
+  request.body = std::move(body);
   return call(std::move(request));
 }
 
@@ -145,8 +139,9 @@ std::string ControllerHierarchy::call(cluster::ControllerCall request) {
   return std::move(result.body);
 }
 
-void ControllerHierarchy::registerSubController(SubControllerInfo info) {
+bool ControllerHierarchy::registerSubController(SubControllerInfo info) {
   requireOperation(ControllerOperation::kAddSubController);
+  if (!info.hasPlace()) return false;
   info.last_heartbeat = env_.now();
   const std::string line = "[Hierarchy] Registered sub-controller: " + info.id + " (" +
                            info.address + ":" + std::to_string(info.port) +
@@ -154,9 +149,11 @@ void ControllerHierarchy::registerSubController(SubControllerInfo info) {
   book_.dropDelivered(info.id);
   {
     const MutexLock lock(subs_mu_);
+    if (subs_.size() >= kMostSubs && !subs_.contains(info.id)) return false;
     subs_[info.id] = std::move(info);
   }
   env_.print(line);
+  return true;
 }
 
 bool ControllerHierarchy::removeSubController(const std::string& id) {
@@ -184,14 +181,17 @@ bool ControllerHierarchy::subControllerHeartbeat(const std::string& id, const js
       sub.status = before.status;  // the probes judge it
       if (described.address.empty()) sub.address = before.address;
       if (sub.port <= 0) sub.port = before.port;
+      if (!sub.hasPlace()) {
+        sub.address = before.address;
+        sub.port = before.port;
+      }
       sub.last_heartbeat = env_.now();
       return true;
     }
   }
   if (described.address.empty()) return false;
   described.id = id;
-  registerSubController(std::move(described));
-  return true;
+  return registerSubController(std::move(described));
 }
 
 ControllerHierarchy::SendResult ControllerHierarchy::sendCommand(const std::string& sub_id,
@@ -209,7 +209,7 @@ ControllerHierarchy::SendResult ControllerHierarchy::sendCommand(const std::stri
   }
   command.issued_at = env_.wall();
   if (!book_.issue(sub_id, command)) {
-    env_.print("[Hierarchy] Too many commands wait for " + sub_id);
+    env_.print("[Hierarchy] Command for " + sub_id + " refused: too large, or too many wait");
     return SendResult::kRefused;
   }
   if (!pushCommand(sub, command)) return SendResult::kQueued;
@@ -220,7 +220,7 @@ ControllerHierarchy::SendResult ControllerHierarchy::sendCommand(const std::stri
 bool ControllerHierarchy::pushCommand(const SubControllerInfo& sub, const MasterCommand& command) {
   try {
     const json reply = platform::parseForeignJson(
-        httpPost(sub.url("/api/v1/hierarchy/command"), command.toJson()));
+        httpPost(sub.url("/api/v1/hierarchy/command"), platform::dumpJson(command.toJson())));
     if (reply.value("success", false)) {
       env_.print("[Hierarchy] Command sent to " + sub.id);
       return true;
@@ -291,6 +291,9 @@ std::vector<SubControllerInfo> ControllerHierarchy::getSubControllers() const {
 bool ControllerHierarchy::deployEdge(EdgeNodeInfo info) {
   requireOperation(ControllerOperation::kDeployEdge);
   env_.print("[Hierarchy] Registering edge node: " + info.id + " (" + info.address + ")");
+  const std::size_t bytes = platform::dumpJson(info.toJson()).size() + info.tls_cert_path.size() +
+                            info.tls_key_path.size();
+  if (bytes > kMaxEdgeBytes) return false;
   {
     const MutexLock lock(edges_mu_);
     if (edges_.size() >= kMostEdges && !edges_.contains(info.id)) return false;

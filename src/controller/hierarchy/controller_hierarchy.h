@@ -59,6 +59,8 @@ class ControllerHierarchy {
 
   /// Whoever may plan edge nodes cannot fill the memory with them.
   static constexpr std::size_t kMostEdges = 10'000;
+  static constexpr std::size_t kMaxEdgeBytes = std::size_t{16} << 10;  ///< of its texts
+  static constexpr std::size_t kMostSubs = 10'000;
   static constexpr net::Timeouts kCallTimeouts{std::chrono::seconds{5}, std::chrono::seconds{10}};
 
   /// The transport must outlive it.
@@ -73,9 +75,9 @@ class ControllerHierarchy {
   bool start();
   void stop();
 
-  /// The port that the server got, where the configuration left it to the system. The master hears
-  /// of it with the next sign of life.
-  void setPort(std::int32_t port) { port_ = port; }
+  /// The port that the server got. Where the configuration left it to the system, a sub tells its
+  /// master at once, which takes up to kCallTimeouts.
+  void setPort(std::int32_t port) TV_EXCLUDES(master_mu_);
 
   ControllerRole role() const { return config_.role; }
   const std::string& id() const { return config_.controller_id; }
@@ -87,7 +89,8 @@ class ControllerHierarchy {
 
   // A master's side.
 
-  void registerSubController(SubControllerInfo info) TV_EXCLUDES(subs_mu_);
+  /// False when it cannot be anywhere, or no more are kept.
+  bool registerSubController(SubControllerInfo info) TV_EXCLUDES(subs_mu_);
   bool removeSubController(const std::string& id) TV_EXCLUDES(subs_mu_);
   /// A sub told that it lives. What the body has of its description replaces what is known. An
   /// unknown sub is registered when the body says where it is: this master has begun anew. False
@@ -99,14 +102,14 @@ class ControllerHierarchy {
   SendResult sendCommand(const std::string& sub_id, MasterCommand command) TV_EXCLUDES(subs_mu_);
   std::vector<MasterCommand> takeCommandsFor(const std::string& sub_id);
   void storeCommandResult(const CommandResult& result) { book_.storeResult(result); }
-  std::optional<CommandResult> commandResult(const std::string& command_id) const {
+  std::optional<nlohmann::json> commandResult(const std::string& command_id) const {
     return book_.result(command_id);
   }
   /// Probes all subs. Runs on the thread of a master.
   void checkSubControllerHealth() TV_EXCLUDES(subs_mu_);
   std::vector<SubControllerInfo> getSubControllers() const TV_EXCLUDES(subs_mu_);
 
-  /// False when no more edge nodes are kept.
+  /// False when no more edge nodes are kept, or not such large ones.
   bool deployEdge(EdgeNodeInfo info) TV_EXCLUDES(edges_mu_);
   bool removeEdge(const std::string& id) TV_EXCLUDES(edges_mu_);
   std::optional<EdgeNodeInfo> edgeNode(const std::string& id) const TV_EXCLUDES(edges_mu_);
@@ -117,10 +120,12 @@ class ControllerHierarchy {
   void onCommandReceived(CommandCallback callback) { callbacks_.push_back(std::move(callback)); }
   bool registerWithMaster() TV_EXCLUDES(master_mu_);
   void sendHeartbeatToMaster() TV_EXCLUDES(master_mu_);
+  /// Fetches what waits, in as many portions as it takes.
   void pollCommandsFromMaster();
-  /// A command came. False when too many wait.
+  /// A command came. False when too many wait, or it is too large.
   bool receiveCommand(const MasterCommand& command);
-  /// A report that does not reach the master is sent again with the next pass.
+  /// A report that does not reach the master is sent again with the next pass. A result that the
+  /// master would not read is a failure.
   void reportCommandResult(const std::string& command_id, bool success,
                            const nlohmann::json& result, const std::string& error)
       TV_EXCLUDES(master_mu_);
@@ -135,7 +140,7 @@ class ControllerHierarchy {
 
  private:
   std::string httpGet(const std::string& url);
-  std::string httpPost(const std::string& url, const nlohmann::json& body);
+  std::string httpPost(const std::string& url, std::string body);
   std::string call(cluster::ControllerCall request);
 
   void probe(const SubControllerInfo& sub) TV_EXCLUDES(subs_mu_);
@@ -143,8 +148,10 @@ class ControllerHierarchy {
 
   nlohmann::json selfDescription() const;
   void setConnected(bool connected) TV_EXCLUDES(master_mu_);
+  /// False when none came.
+  bool fetchCommands();
   /// False when the master could not be reached.
-  bool sendReport(const nlohmann::json& report);
+  bool sendReport(const std::string& report);
   void sendUnreported() TV_EXCLUDES(master_mu_);
 
   const HierarchyConfig config_;
@@ -162,7 +169,7 @@ class ControllerHierarchy {
   std::map<std::string, EdgeNodeInfo> edges_ TV_GUARDED_BY(edges_mu_);
   mutable platform::Mutex master_mu_;
   MasterControllerRef master_ TV_GUARDED_BY(master_mu_);
-  std::deque<nlohmann::json> unreported_ TV_GUARDED_BY(master_mu_);
+  std::deque<std::string> unreported_ TV_GUARDED_BY(master_mu_);
 
   platform::PeriodicTask task_;  // last: its thread uses all of the above
 };

@@ -16,7 +16,11 @@ namespace {
 
 /// The version of the protocol between master and subs.
 constexpr const char* kHierarchyVersion = "3.0.8";
+/// Of the commands that wait, in one pass.
+constexpr int kMostPortions = 32;
 constexpr std::size_t kMaxUnreported = 1000;
+constexpr std::size_t kMaxUnreportedBytes = std::size_t{64} << 20;
+constexpr std::size_t kMaxReportBytes = std::size_t{32} << 20;
 
 /// Why the master said no.
 std::string refusal(const json& reply) {
@@ -44,6 +48,11 @@ json ControllerHierarchy::selfDescription() const {
           {"worker_count", counts.workers}, {"router_count", counts.routers}};
 }
 
+void ControllerHierarchy::setPort(std::int32_t port) {
+  port_ = port;
+  if (role() == ControllerRole::kSub && config_.port == 0) sendHeartbeatToMaster();
+}
+
 MasterControllerRef ControllerHierarchy::masterRef() const {
   const MutexLock lock(master_mu_);
   return master_;
@@ -57,7 +66,7 @@ void ControllerHierarchy::setConnected(bool connected) {
 bool ControllerHierarchy::registerWithMaster() {
   try {
     const json reply = platform::parseForeignJson(
-        httpPost(masterUrl("/api/v1/hierarchy/register"), selfDescription()));
+        httpPost(masterUrl("/api/v1/hierarchy/register"), platform::dumpJson(selfDescription())));
     if (!succeeded(reply)) {
       env_.print("[Hierarchy] Master rejected registration: " + refusal(reply));
       return false;
@@ -81,8 +90,8 @@ void ControllerHierarchy::sendHeartbeatToMaster() {
   body["timestamp"] = platform::toEpochSeconds(env_.wall());
   bool heard = false;
   try {
-    heard = succeeded(
-        platform::parseForeignJson(httpPost(masterUrl("/api/v1/hierarchy/heartbeat"), body)));
+    heard = succeeded(platform::parseForeignJson(
+        httpPost(masterUrl("/api/v1/hierarchy/heartbeat"), platform::dumpJson(body))));
   } catch (const std::exception&) {
     // The next heartbeat tells again; the status shows that the master is away.
   }
@@ -90,13 +99,19 @@ void ControllerHierarchy::sendHeartbeatToMaster() {
 }
 
 void ControllerHierarchy::pollCommandsFromMaster() {
+  for (int fetched = 0; fetched < kMostPortions && fetchCommands(); ++fetched) continue;
+}
+
+bool ControllerHierarchy::fetchCommands() {
   json reply;
   try {
     reply = platform::parseForeignJson(httpGet(masterUrl("/api/v1/hierarchy/commands")));
   } catch (const std::exception&) {
-    return;  // asked again with the next pass
+    return false;  // asked again with the next pass
   }
-  if (!reply.is_object() || !reply.contains("commands") || !reply["commands"].is_array()) return;
+  if (!reply.is_object() || !reply.contains("commands") || !reply["commands"].is_array()) {
+    return false;
+  }
   for (const json& sent : reply["commands"]) {
     MasterCommand command;
     try {
@@ -108,9 +123,10 @@ void ControllerHierarchy::pollCommandsFromMaster() {
       continue;  // the others have been handed over as well
     }
     if (!receiveCommand(command)) {
-      reportCommandResult(command.id, false, nullptr, "Too many commands wait");
+      reportCommandResult(command.id, false, nullptr, "Too many commands wait, or too large");
     }
   }
+  return !reply["commands"].empty();
 }
 
 bool ControllerHierarchy::receiveCommand(const MasterCommand& command) {
@@ -129,14 +145,25 @@ bool ControllerHierarchy::receiveCommand(const MasterCommand& command) {
 
 void ControllerHierarchy::reportCommandResult(const std::string& command_id, bool success,
                                               const json& result, const std::string& error) {
-  json report{
-      {"command_id", command_id}, {"success", success}, {"result", result}, {"error", error}};
+  const auto worded = [&](bool good, const json& what, const std::string& why) {
+    return platform::dumpJson(
+        {{"command_id", command_id}, {"success", good}, {"result", what}, {"error", why}});
+  };
+  std::string report = worded(success, result, error);
+  if (report.size() > kMaxReportBytes ||
+      !platform::jsonWithinLimits(report, platform::kMaxForeignJsonDepth)) {
+    report = worded(false, nullptr, "The result is too large to be reported");
+  }
   if (sendReport(report)) return;
   const MutexLock lock(master_mu_);
-  if (unreported_.size() < kMaxUnreported) unreported_.push_back(std::move(report));
+  std::size_t bytes = report.size();
+  for (const std::string& kept : unreported_) bytes += kept.size();
+  if (unreported_.size() < kMaxUnreported && bytes <= kMaxUnreportedBytes) {
+    unreported_.push_back(std::move(report));
+  }
 }
 
-bool ControllerHierarchy::sendReport(const json& report) {
+bool ControllerHierarchy::sendReport(const std::string& report) {
   std::string answer;
   try {
     answer = httpPost(masterUrl("/api/v1/hierarchy/command/result"), report);
@@ -157,7 +184,7 @@ bool ControllerHierarchy::sendReport(const json& report) {
 
 void ControllerHierarchy::sendUnreported() {
   while (true) {
-    json report;
+    std::string report;
     {
       const MutexLock lock(master_mu_);
       if (unreported_.empty()) return;
@@ -173,7 +200,7 @@ void ControllerHierarchy::sendUnreported() {
 
 void ControllerHierarchy::reportStatusToMaster(const json& status) {
   try {
-    httpPost(masterUrl("/api/v1/hierarchy/status"), status);
+    httpPost(masterUrl("/api/v1/hierarchy/status"), platform::dumpJson(status));
   } catch (const std::exception& error) {
     env_.print(std::string("[Hierarchy] Failed to report status to master: ") + error.what());
   }

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "platform/json_fields.h"
+#include "platform/json_text.h"
 #include "platform/random.h"
 
 namespace tavrel::controller {
@@ -31,6 +32,10 @@ EdgeServer edgeFrom(const json& body, platform::WallTime now) {
   return edge;
 }
 
+bool isTooLarge(const EdgeServer& edge) {
+  return platform::dumpJson(edge.toJson()).size() > EdgeServers::kMaxBytes;
+}
+
 }  // namespace
 
 json EdgeServer::toJson() const {
@@ -48,10 +53,11 @@ json EdgeServer::toJson() const {
           {"last_heartbeat", platform::toEpochSeconds(last_heartbeat)}};
 }
 
-EdgeServer EdgeServers::registerEdge(const json& body, platform::WallTime now) {
+std::optional<EdgeServer> EdgeServers::registerEdge(const json& body, platform::WallTime now) {
   EdgeServer edge = edgeFrom(body, now);
   readField(body, "edge_id", edge.edge_id);
   if (edge.edge_id.empty()) edge.edge_id = "edge-" + platform::randomHex(kIdDigits);
+  if (isTooLarge(edge)) return std::nullopt;
   const MutexLock lock(mu_);
   edges_[edge.edge_id] = edge;
   forgetSurplus();
@@ -65,21 +71,23 @@ void EdgeServers::forgetSurplus() {
   }));
 }
 
-bool EdgeServers::heartbeat(const std::string& id, const json& body, platform::WallTime now) {
+EdgeServers::Heartbeat EdgeServers::heartbeat(const std::string& id, const json& body,
+                                              platform::WallTime now) {
   EdgeServer sent = edgeFrom(body, now);
+  sent.edge_id = id;
+  if (isTooLarge(sent)) return Heartbeat::kTooLarge;
   const MutexLock lock(mu_);
   const auto [place, added] = edges_.try_emplace(id);
   EdgeServer& edge = place->second;
   if (added) {
     edge = std::move(sent);
-    edge.edge_id = id;
     forgetSurplus();
-    return true;
+    return Heartbeat::kRegistered;
   }
   edge.status = "online";
   edge.last_heartbeat = now;
   if (body.contains("metrics")) edge.metrics = std::move(sent.metrics);
-  return false;
+  return Heartbeat::kKnown;
 }
 
 std::optional<EdgeServer> EdgeServers::find(const std::string& id) const {

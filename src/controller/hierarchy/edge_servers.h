@@ -40,11 +40,14 @@ class EdgeServers {
   /// Anybody may announce edge servers: beyond so many the one that was silent longest is
   /// forgotten.
   static constexpr std::size_t kMost = 10'000;
+  static constexpr std::size_t kMaxBytes = std::size_t{8} << 10;  ///< of one, as JSON
 
-  /// One without an "edge_id" gets "edge-" and 8 hexadecimal digits.
-  EdgeServer registerEdge(const nlohmann::json& body, platform::WallTime now) TV_EXCLUDES(mu_);
-  /// True when the edge was unknown and is registered now.
-  bool heartbeat(const std::string& id, const nlohmann::json& body, platform::WallTime now)
+  /// One without an "edge_id" gets "edge-" and 8 hexadecimal digits. Nothing when it is too large.
+  std::optional<EdgeServer> registerEdge(const nlohmann::json& body, platform::WallTime now)
+      TV_EXCLUDES(mu_);
+  enum class Heartbeat { kKnown, kRegistered, kTooLarge };
+  /// An unknown edge is registered.
+  Heartbeat heartbeat(const std::string& id, const nlohmann::json& body, platform::WallTime now)
       TV_EXCLUDES(mu_);
   std::optional<EdgeServer> find(const std::string& id) const TV_EXCLUDES(mu_);
   std::vector<EdgeServer> all() const TV_EXCLUDES(mu_);

@@ -72,6 +72,10 @@ std::string SubControllerInfo::url(const std::string& path) const {
   return cluster::endpointUrl({address, port}, path);
 }
 
+bool SubControllerInfo::hasPlace() const {
+  return !cluster::endpointUrl({address, port == 0 ? 1 : port}, "").empty();
+}
+
 void readSubController(const json& body, SubControllerInfo& sub) {
   readField(body, "id", sub.id);
   readField(body, "name", sub.name);

@@ -75,6 +75,9 @@ struct SubControllerInfo {
   nlohmann::json toJson() const;
   /// "http://address:port" + path; empty when the address cannot be one.
   std::string url(const std::string& path) const;
+  /// Whether the address and port can be some. A port of 0 is not known yet: a sub that leaves its
+  /// port to the system tells it with its first sign of life.
+  bool hasPlace() const;
 };
 
 /// Puts what `body` carries into the record. Values of a wrong type throw nlohmann's exception.

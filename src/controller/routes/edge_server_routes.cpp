@@ -7,6 +7,7 @@
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "platform/console.h"
+#include "platform/json_fields.h"
 
 namespace tavrel::controller {
 namespace {
@@ -20,10 +21,11 @@ struct EdgeServerRoutes {
 
   Response announce(const Request& req) const {
     if (!req.json()) return invalidJsonBody();
-    const EdgeServer edge = edges.registerEdge(*req.json(), platform::wallNow());
-    platform::printLine("[Controller] Edge server registered: " + edge.edge_id + " (" +
-                        edge.hostname + ")");
-    return Response::ok({{"success", true}, {"edge_id", edge.edge_id}, {"status", "registered"}});
+    const auto edge = edges.registerEdge(*req.json(), platform::wallNow());
+    if (!edge) return tooLarge();
+    platform::printLine("[Controller] Edge server registered: " + edge->edge_id + " (" +
+                        edge->hostname + ")");
+    return Response::ok({{"success", true}, {"edge_id", edge->edge_id}, {"status", "registered"}});
   }
 
   Response heartbeat(const Request& req) const {
@@ -31,19 +33,18 @@ struct EdgeServerRoutes {
     if (!isStorableId(id)) return Response::error(400, "Edge ID required");
     const json body = req.json() ? *req.json() : json::object();
     json reply{{"status", "ok"}, {"edge_id", id}};
-    if (edges.heartbeat(id, body, platform::wallNow())) {
+    const auto heard = edges.heartbeat(id, body, platform::wallNow());
+    if (heard == EdgeServers::Heartbeat::kTooLarge) return tooLarge();
+    if (heard == EdgeServers::Heartbeat::kRegistered) {
       platform::printLine("[Controller] Edge server auto-registered via heartbeat: " + id);
       reply["auto_registered"] = true;
     }
     return Response::ok(reply);
   }
 
-  Response list() const {
-    json records = json::array();
-    for (const EdgeServer& edge : edges.all()) records.push_back(edge.toJson());
-    const std::size_t count = records.size();
-    return Response::ok({{"edges", std::move(records)}, {"count", count}});
-  }
+  Response list() const { return counted("edges", platform::jsonArray(edges.all())); }
+
+  static Response tooLarge() { return Response::error(413, "Edge description is too large"); }
 
   Response get(const Request& req) const {
     const auto edge = edges.find(req.getPathParam("id"));

@@ -17,13 +17,6 @@ using api::Response;
 using nlohmann::json;
 using platform::readField;
 
-template <class Record>
-json arrayOf(const std::vector<Record>& records) {
-  json array = json::array();
-  for (const Record& record : records) array.push_back(record.toJson());
-  return array;
-}
-
 Response denied(ControllerOperation operation, ControllerRole role) {
   const std::string current = controllerRoleToString(role);
   return Response::json({{"success", false},
@@ -47,7 +40,7 @@ struct OperatorRoutes {
   }
 
   Response subControllers() const {
-    json subs = arrayOf(hierarchy.getSubControllers());
+    json subs = platform::jsonArray(hierarchy.getSubControllers());
     const std::size_t count = subs.size();
     return Response::ok(
         {{"success", true}, {"sub_controllers", std::move(subs)}, {"count", count}});
@@ -60,9 +53,10 @@ struct OperatorRoutes {
     readSubController(*req.json(), sub);
     sub.status = SubControllerStatus::kUnknown;
     if (sub.address.empty()) return Response::error(400, "address is required");
-    if (sub.url("").empty()) return Response::error(500, "Failed to register sub-controller");
     if (sub.id.empty()) sub.id = hierarchy.newId("sub-");
-    hierarchy.registerSubController(sub);
+    if (!hierarchy.registerSubController(sub)) {
+      return Response::error(500, "Failed to register sub-controller");
+    }
     return Response::ok({{"success", true}, {"id", sub.id}, {"sub_controller", sub.toJson()}});
   }
 
@@ -97,15 +91,17 @@ struct OperatorRoutes {
 
   Response commandResult(const Request& req) const {
     const std::string id = req.getPathParam("id");
-    const auto result = hierarchy.commandResult(id);
-    if (!result) {
+    auto reply = hierarchy.commandResult(id);
+    if (!reply) {
       return Response::json(
-          {{"error", "not_found"}, {"message", "No result found for command " + id}}, 404);
+          {{"error", "not_found"},
+           {"message", "No result found for command " + platform::replaceInvalidUtf8(id)}},
+          404);
     }
-    json reply = result->toJson();
-    reply["success"] = true;
-    reply["command_success"] = result->success;
-    return Response::ok(reply);
+    json& success = (*reply)["success"];
+    (*reply)["command_success"] = success;
+    success = true;
+    return Response::ok(*reply);
   }
 
   Response addEdge(const Request& req) const {
@@ -155,9 +151,10 @@ struct HierarchyCalls {
     readSubController(*req.json(), sub);
     if (sub.address.empty()) sub.address = req.remote_address;
     if (sub.id.empty()) sub.id = hierarchy.newId("sub-");
-    if (sub.url("").empty()) return Response::error(500, "Registration failed");
     const std::string id = sub.id;
-    hierarchy.registerSubController(std::move(sub));
+    if (!hierarchy.registerSubController(std::move(sub))) {
+      return Response::error(500, "Registration failed");
+    }
     return Response::ok(
         {{"success", true}, {"master_id", hierarchy.id()}, {"sub_controller_id", id}});
   }
@@ -219,7 +216,7 @@ struct HierarchyCalls {
     if (command.id.empty()) return Response::error(400, "id is required");
     if (command.type.empty()) return Response::error(400, "command type is required");
     if (!hierarchy.receiveCommand(command)) {
-      return Response::error(503, "Too many commands wait");
+      return Response::error(503, "Too many commands wait, or too large");
     }
     return Response::ok({{"success", true}, {"command_id", command.id}});
   }

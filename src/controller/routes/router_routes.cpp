@@ -36,10 +36,11 @@ struct RouterRoutes {
     platform::readField(body, "decision_timeout_ms", router.ai_control.decision_timeout_ms);
     platform::readField(body, "hostname", router.hostname);
     platform::readField(body, "port", router.port);
-    router = routers.add(std::move(router));
-    printLine("[Routers] Added router: " + router.address +
+    const auto added = routers.add(std::move(router));
+    if (!added) return refused();
+    printLine("[Routers] Added router: " + added->address +
               " with AI mode: " + cluster::aiControlModeToString(*mode));
-    return Response::ok({{"success", true}, {"id", router.id}, {"router", router.toJson()}});
+    return Response::ok({{"success", true}, {"id", added->id}, {"router", added->toJson()}});
   }
 
   Response remove(const Request& req) const {
@@ -77,12 +78,16 @@ struct RouterRoutes {
     const std::string id = req.getPathParam("id");
     if (!isStorableId(id)) return Response::error(400, "id is not valid UTF-8");
     const auto known = routers.heartbeat(id, *req.json(), platform::wallNow());
+    if (known.refused) return refused();
     if (known.registered) {
       printLine("[Routers] Registered new router: " + id + " (" + known.router.hostname + ")");
     }
     return Response::ok({{"success", true}, {"router_id", id}});
   }
 
+  static Response refused() {
+    return Response::error(503, "Too many routers, or its description is too long");
+  }
   static Response notFound() { return Response::error(404, "Router not found"); }
 };
 

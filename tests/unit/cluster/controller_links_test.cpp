@@ -162,12 +162,22 @@ TEST(RouterSync, TheLastListStaysWhileTheControllerIsAway) {
   EXPECT_EQ(router.secondsUntilAsked(), 300);
   EXPECT_TRUE(router.workers.reap(router.wall).empty());
   EXPECT_TRUE(router.workers.modelAvailable("llama3"));
+  // The clock jumps, and everybody seems to have been silent: for a while, or for long.
+  for (const auto jump : {std::chrono::seconds{150}, std::chrono::seconds{7200}}) {
+    router.wall += jump;
+    EXPECT_EQ(router.workers.reap(router.wall).size(), 1u);
+    EXPECT_FALSE(router.workers.modelAvailable("llama3"));
+    router.tickAfter(std::chrono::seconds{1});
+    EXPECT_TRUE(router.workers.modelAvailable("llama3"));
+  }
 
   router.controller_up = true;
   const std::pair<net::HttpResult, const char*> bad_lists[] = {
       {answerWith({{"error", "Unauthorized"}}, 401), "Failed to fetch workers from controller: "},
       {{"", 0, 200, "<html>", "text/html"}, "Failed to parse worker response: "},
-      {answerWith({{"count", 0}}), "Worker sync error: the answer lists no workers"}};
+      {answerWith({{"count", 0}}), "Worker sync error: the answer lists no workers"},
+      {{"", 0, 200, std::string(std::size_t{1} << 20, '['), ""},
+       "Worker sync error: the answer nests too deeply"}};
   for (const auto& [listing, line] : bad_lists) {
     router.listing = listing;
     router.secondsUntilAsked();
@@ -203,8 +213,9 @@ TEST(WorkerMirror, AddsForeignWorkersBesideTheOwn) {
 
 /// A controller with a parent, and whoever else answers.
 struct Tiers {
-  explicit Tiers(const std::string& parent = "http://10.0.0.1:8080")
-      : tiers({"me", "host", "10.0.0.2", "c", ControllerTier::kSecondary, parent}, workers, routers,
+  explicit Tiers(const std::string& parent = "http://10.0.0.1:8080",
+                 const std::string& address = "10.0.0.2")
+      : tiers({"me", "host", address, "c", ControllerTier::kSecondary, parent}, workers, routers,
               environment()) {}
   TiersEnvironment environment() {
     TiersEnvironment env{others};
@@ -242,6 +253,19 @@ TEST(ControllerTiers, RegistersWithItsParent) {
   EXPECT_EQ(call.url, "http://10.0.0.1:8080/api/v1/controllers/connect");
   EXPECT_EQ(json::parse(call.body)["tier"], "secondary");
   EXPECT_TRUE(call.with_key);
+}
+
+TEST(ControllerTiers, AnIpv6AddressIsOneForTheParentToo) {
+  Tiers child("http://[fd00::1]:8080", "fd00::2");
+  child.tiers.start(81);
+  child.tiers.stop();
+  child.tiers.registerWithParent();
+  const json body = json::parse(child.others.take().back().body);
+  EXPECT_EQ(body["address"], "[fd00::2]:81");
+  Tiers parent("");
+  parent.others.answer = [](const auto&) { return answerWith({{"status", "ok"}}); };
+  EXPECT_EQ(parent.tiers.connect(body).status, 200);
+  EXPECT_EQ(parent.others.take().at(0).url, "http://[fd00::2]:81/api/v1/health");
 }
 
 TEST(ControllerTiers, AJobIsHandledWhereAWorkerOffersWhatItNeeds) {
@@ -288,7 +312,10 @@ TEST(ControllerTiers, CapabilitiesAreNotAskedForInCircles) {
   const json all = a.tiers.capabilities(0);
   EXPECT_EQ(all["capabilities"], (json{"llama3", "rack", "supports_triton"}));
   EXPECT_EQ(all["count"], 3);
-  EXPECT_EQ(a.others.take().size(), 2u);
+  const auto asked = a.others.take();
+  ASSERT_EQ(asked.size(), 2u);
+  // Whoever is asked on the way answers in time, though one below it may hang.
+  EXPECT_LT(asked[1].timeouts.total, asked[0].timeouts.total);
 }
 
 }  // namespace

@@ -38,14 +38,30 @@ TEST(RouterRegistry, HeartbeatRegistersAndRefreshes) {
   EXPECT_FALSE(routers.touch("q", kFirstSeen));
 }
 
+TEST(RouterRegistry, AFloodOfRoutersIsBounded) {
+  RouterRegistry routers;
+  RouterInfo large;
+  large.address = std::string(RouterRegistry::kMaxTextBytes + 1, 'x');
+  EXPECT_FALSE(routers.add(large));
+  EXPECT_TRUE(routers.heartbeat("r", {{"hostname", large.address}}, kFirstSeen).refused);
+  EXPECT_EQ(routers.size(), 0u);
+  for (std::size_t i = 0; i < RouterRegistry::kMostRouters; ++i) {
+    routers.heartbeat(std::to_string(i), json::object(), kFirstSeen);
+  }
+  EXPECT_TRUE(routers.heartbeat("one more", json::object(), kFirstSeen).refused);
+  EXPECT_FALSE(routers.add({}));
+  EXPECT_FALSE(routers.heartbeat("1", {{"port", 9}}, kFirstSeen).refused);
+  EXPECT_EQ(routers.size(), RouterRegistry::kMostRouters);
+}
+
 TEST(RouterRegistry, AddedRouterKeepsItsSettingsThroughHeartbeats) {
   RouterRegistry routers;
   RouterInfo described;
   described.address = "10.0.0.2:9000";
   described.ai_control.mode = AIControlMode::kAdvisory;
-  const RouterInfo added = routers.add(described);
+  const RouterInfo added = *routers.add(described);
   EXPECT_EQ(added.id.substr(0, 4), "rtr-");
-  EXPECT_NE(routers.add(described).id, added.id);
+  EXPECT_NE(routers.add(described)->id, added.id);
   EXPECT_EQ(added.toJson()["status"], "starting");
   EXPECT_EQ(added.toJson()["llm_model"], "llama3.2:1b");
   EXPECT_EQ(added.baseUrl(), "http://10.0.0.2:9000");

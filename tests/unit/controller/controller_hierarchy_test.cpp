@@ -171,6 +171,49 @@ TEST(ControllerHierarchy, ACommandIsQueuedWhetherOrNotItsPushArrives) {
   EXPECT_FALSE(master.hierarchy.removeSubController("s"));
 }
 
+TEST(ControllerHierarchy, NoCommandKeepsTheOthersFromItsSub) {
+  Node master(ControllerRole::kMaster);
+  master.addSub("s");
+  const auto send = [&](const std::string& id, json payload) {
+    MasterCommand command = commandOf(id);
+    command.payload = std::move(payload);
+    return master.hierarchy.sendCommand("s", command);
+  };
+  // The sub reads no answer that nests deeper than 256, and 8 MiB at most.
+  json deep = 0;
+  for (int i = 0; i < 254; ++i) deep = json::array({std::move(deep)});
+  EXPECT_EQ(send("too deep", deep), SendResult::kRefused);
+  EXPECT_EQ(send("nearly", deep[0]), SendResult::kQueued);
+  EXPECT_EQ(send("too large", std::string(CommandBook::kMaxCommandBytes, 'x')),
+            SendResult::kRefused);
+  for (const char* id : {"1", "2", "3"})
+    send(id, std::string(CommandBook::kMaxCommandBytes / 2 - 10, 'x'));
+  EXPECT_THAT(idsOf(master.hierarchy.takeCommandsFor("s")), ElementsAre("nearly", "1"));
+  EXPECT_THAT(idsOf(master.hierarchy.takeCommandsFor("s")), ElementsAre("2", "3"));
+  EXPECT_TRUE(master.hierarchy.takeCommandsFor("s").empty());
+
+  // What was handed over makes room again.
+  const std::string large(CommandBook::kMaxCommandBytes - 100, 'x');
+  int queued = 0;
+  while (send("large", large) == SendResult::kQueued) ++queued;
+  EXPECT_EQ(queued, 16);
+  EXPECT_EQ(master.hierarchy.takeCommandsFor("s").size(), 1u);
+  EXPECT_EQ(send("large", large), SendResult::kQueued);
+}
+
+TEST(ControllerHierarchy, ASubThatHasToldTheOutcomeDoesNotGetTheCommandAnew) {
+  Node master(ControllerRole::kMaster);
+  master.addSub("s");
+  master.hierarchy.sendCommand("s", commandOf("1"));  // arrives, but the sub's answer gets lost
+  master.hierarchy.sendCommand("s", commandOf("2"));
+  CommandResult result;
+  result.command_id = "1";
+  result.sub_id = "s";
+  master.hierarchy.storeCommandResult(result);
+  master.addSub("s");  // begins anew
+  EXPECT_THAT(idsOf(master.hierarchy.takeCommandsFor("s")), ElementsAre("2"));
+}
+
 TEST(ControllerHierarchy, IdsStayUniqueWithinAMillisecond) {
   Node master(ControllerRole::kMaster);
   EXPECT_EQ(master.hierarchy.newId("cmd-"), "cmd-1700000000000");
@@ -200,6 +243,9 @@ TEST(ControllerHierarchy, AHeartbeatKeepsWhatItDoesNotCarryAndBringsASubBack) {
                                 {"router_count", 0},
                                 {"avg_response_time_ms", 0.0}}));
   EXPECT_THROW(master.hierarchy.subControllerHeartbeat("s", {{"port", "x"}}), json::type_error);
+  master.hierarchy.subControllerHeartbeat("s", {{"port", 70000}});
+  master.hierarchy.subControllerHeartbeat("s", {{"address", "a/b"}, {"port", 82}});
+  EXPECT_FALSE(master.hierarchy.subControllerHeartbeat("lost", {{"address", "a/b"}}));
   EXPECT_EQ(master.onlySub().port, 81);
 }
 
@@ -289,6 +335,13 @@ TEST(ControllerHierarchy, AResultThatCouldNotBeReportedIsReportedLater) {
     return ids;
   };
   EXPECT_THAT(reported(), ElementsAre("c1", "c2"));
+
+  json deep = 0;
+  for (int i = 0; i < 300; ++i) deep = json::array({std::move(deep)});
+  sub.hierarchy.reportCommandResult("c3", true, deep, "");
+  const json report = json::parse(sub.others.take().at(0).body);
+  EXPECT_EQ(report["success"], false);
+  EXPECT_EQ(report["error"], "The result is too large to be reported");
   EXPECT_TRUE(reported().empty());
 }
 
@@ -303,6 +356,16 @@ TEST(ControllerHierarchy, OnlyTheLatestResultsAreKept) {
   EXPECT_FALSE(book.result("0"));
   EXPECT_TRUE(book.result("1"));
   EXPECT_TRUE(book.result(std::to_string(CommandBook::kMaxResults)));
+
+  CommandBook small(1000);
+  CommandResult large;
+  large.result = std::string(600, 'x');
+  for (const char* id : {"large", "larger"}) {
+    large.command_id = id;
+    small.storeResult(large);
+  }
+  EXPECT_FALSE(small.result("large"));
+  EXPECT_TRUE(small.result("larger"));
 }
 
 }  // namespace
