@@ -6,22 +6,23 @@
 
 namespace tavrel::api {
 
-/// Shares out what clients can hold by being slow, threads above all: streams hold one each for as
-/// long as they are open, and a body that does not arrive or an answer that is not read holds one
-/// for as long as that is waited for. Some threads always remain for everybody else. So does
-/// memory: what is left of answers that are not being read is limited too.
+/// Shares out what clients can hold by being slow, places to be served above all: fibers, and the
+/// threads of those that find none. Streams hold one each for as long as they are open, and a body
+/// that does not arrive or an answer that is not read holds one for as long as that is waited for.
+/// Some places always remain for everybody else. So does memory: what is left of answers that are
+/// not being read is limited too.
 ///
 /// Threads: any thread may call. Failure: false means that the caller has to do without.
 class ClientBudget {
  public:
-  explicit ClientBudget(std::size_t threads)
-      : limit_(threads - std::min(kKept, threads / 2)),
-        wait_limit_(std::max<std::size_t>(1, threads / 2)) {}
+  explicit ClientBudget(std::size_t places)
+      : limit_(places - std::min(kKept, places / 2)),
+        wait_limit_(std::max<std::size_t>(1, places / 2)) {}
 
   bool takeStream() { return take(held_, limit_); }
   void giveStream() { held_.fetch_sub(1, std::memory_order_relaxed); }
 
-  /// Waits get no more than half of the threads, so that they leave room for streams.
+  /// Waits get no more than half of the places, so that they leave room for streams.
   bool takeWait() {
     if (!take(waits_, wait_limit_)) return false;
     if (take(held_, limit_)) return true;
@@ -44,7 +45,7 @@ class ClientBudget {
 
  private:
   static constexpr std::size_t kMaxUnread = std::size_t{1} << 30;
-  /// Threads that no slow client gets.
+  /// Places that no slow client gets.
   static constexpr std::size_t kKept = 64;
 
   static bool take(std::atomic<std::size_t>& count, std::size_t limit) {

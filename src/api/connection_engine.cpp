@@ -29,10 +29,6 @@ constexpr int kExpiryPasses = 10;
 /// How long an answer that refuses the rest of a request is given to be read before the close.
 constexpr std::chrono::milliseconds kLingerTime{1000};
 
-std::int64_t nanoseconds(platform::SteadyTime time) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
-}
-
 std::string numericAddress(const sockaddr_storage& address) {
   std::array<char, INET6_ADDRSTRLEN> text{};
   const void* source = nullptr;
@@ -184,7 +180,7 @@ void ConnectionEngine::adopt(int socket, std::string remote_address) {
     refuse(*connection, 503);
     return;
   }
-  connection->park(nanoseconds(platform::steadyNow() + settings_.idle_timeout));
+  connection->park(platform::toNanoseconds(platform::steadyNow() + settings_.idle_timeout));
   epoll_event event{};
   event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
   event.data.ptr = connection;
@@ -236,7 +232,8 @@ bool ConnectionEngine::park(Connection& connection, std::chrono::milliseconds ti
   // Taken first: once parked, the connection may be served and closed by another thread.
   const int socket = connection.descriptor();
   // A head that is dribbled in keeps the deadline of its first byte.
-  connection.park(nanoseconds(connection.parkingDeadline(platform::steadyNow(), timeout)));
+  connection.park(
+      platform::toNanoseconds(connection.parkingDeadline(platform::steadyNow(), timeout)));
   epoll_event event{};
   event.events = EPOLLIN | EPOLLRDHUP | EPOLLONESHOT;
   event.data.ptr = &connection;
@@ -253,7 +250,7 @@ void ConnectionEngine::keepHouse() {
   fibers_.wakeDue(platform::steadyNow());
   if (++housekeeping_passes_ % kExpiryPasses != 0) return;
   fibers_.trim();
-  const std::int64_t now = nanoseconds(platform::steadyNow());
+  const std::int64_t now = platform::toNanoseconds(platform::steadyNow());
   const platform::MutexLock lock(mutex_);
   for (const auto& [connection, owner] : connections_) connection->expireIfDue(now);
 }

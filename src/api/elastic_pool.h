@@ -20,8 +20,8 @@ namespace tavrel::api {
 /// A thread that is about to wait says so (platform::BlockingScope), and another takes its place if
 /// too few are left. When it comes back there may be more threads than wanted: the next one to
 /// finish its piece of work rests, and ends if it is not needed for a while. So hundreds of
-/// requests that wait for workers cost hundreds of sleeping threads, while the number that compete
-/// for a processor stays small.
+/// requests that block cost hundreds of sleeping threads, while the number that compete for a
+/// processor stays small.
 ///
 /// Threads: start, stop and the destructor belong to the owner; addThread may be called from any.
 class ElasticPool {

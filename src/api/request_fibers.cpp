@@ -26,10 +26,6 @@ std::uint64_t eventData(std::uint64_t request, std::size_t slot, Which which) {
   return request << 32 | std::uint64_t{slot} << 2 | static_cast<std::uint64_t>(which) | 1;
 }
 
-std::int64_t nanoseconds(platform::SteadyTime time) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
-}
-
 }  // namespace
 
 /// Room for one request after the other, and the waits of the one that is in it.
@@ -113,7 +109,7 @@ bool RequestFibers::Slot::suspend(int descriptor, short events, int client_descr
   descriptor_ = descriptor;
   events_ = static_cast<std::uint16_t>(events);
   watches_client_ = client_descriptor >= 0;
-  deadline_ = nanoseconds(deadline);
+  deadline_ = platform::toNanoseconds(deadline);
   fiber_->suspend();
   // An event silences its descriptor. Without one the descriptor must not stay armed: its owner may
   // close it, or keep the connection for another request.
@@ -215,7 +211,7 @@ void RequestFibers::handleEvent(std::uint64_t event_data) {
 }
 
 void RequestFibers::wakeDue(platform::SteadyTime now) {
-  const std::int64_t limit = nanoseconds(now);
+  const std::int64_t limit = platform::toNanoseconds(now);
   const std::size_t count = slot_count_.load(std::memory_order_acquire);
   for (std::size_t i = 0; i < count; ++i) {
     std::int64_t deadline = deadlines_[i].load(std::memory_order_relaxed);

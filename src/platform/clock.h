@@ -29,6 +29,11 @@ inline std::int64_t toEpochMilliseconds(WallTime time) {
   return std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
 }
 
+/// Nanoseconds of the monotonic clock, for what must be atomic.
+inline std::int64_t toNanoseconds(SteadyTime time) {
+  return std::chrono::duration_cast<std::chrono::nanoseconds>(time.time_since_epoch()).count();
+}
+
 /// "2026-01-31T12:00:00Z".
 std::string toUtcText(WallTime time);
 

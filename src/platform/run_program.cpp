@@ -26,12 +26,12 @@ namespace tavrel::platform {
 namespace {
 
 /// Closed at the end of the scope.
-class Descriptor {
+class ChildDescriptor {
  public:
-  explicit Descriptor(int number = -1) : number_(number) {}
-  ~Descriptor() { close(); }
-  Descriptor(Descriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
-  Descriptor& operator=(Descriptor&& other) noexcept {
+  explicit ChildDescriptor(int number = -1) : number_(number) {}
+  ~ChildDescriptor() { close(); }
+  ChildDescriptor(ChildDescriptor&& other) noexcept : number_(std::exchange(other.number_, -1)) {}
+  ChildDescriptor& operator=(ChildDescriptor&& other) noexcept {
     std::swap(number_, other.number_);
     return *this;
   }
@@ -50,20 +50,20 @@ struct Pipe {
   Pipe() {
     int ends[2] = {-1, -1};
     if (::pipe2(ends, O_CLOEXEC) != 0) return;
-    read = Descriptor(ends[0]);
-    write = Descriptor(ends[1]);
+    read = ChildDescriptor(ends[0]);
+    write = ChildDescriptor(ends[1]);
     ::fcntl(ends[0], F_SETFL, O_NONBLOCK);
   }
-  Descriptor read;
-  Descriptor write;
+  ChildDescriptor read;
+  ChildDescriptor write;
 };
 
 /// A file in memory that holds the input: the program can read it at its own pace.
-Descriptor fileWith(std::string_view input) {
-  Descriptor file(::memfd_create("input", MFD_CLOEXEC));
+ChildDescriptor fileWith(std::string_view input) {
+  ChildDescriptor file(::memfd_create("input", MFD_CLOEXEC));
   while (file.valid() && !input.empty()) {
     const ssize_t written = ::write(file.get(), input.data(), input.size());
-    if (written < 0 && errno != EINTR) return Descriptor();
+    if (written < 0 && errno != EINTR) return ChildDescriptor();
     if (written > 0) input.remove_prefix(static_cast<std::size_t>(written));
   }
   if (file.valid()) ::lseek(file.get(), 0, SEEK_SET);
@@ -102,7 +102,7 @@ int spawn(const std::vector<std::string>& arguments, const std::array<int, 3>& s
 }
 
 /// Takes what the pipe holds; closes it at its end.
-void drain(Descriptor& pipe, std::string& into, std::size_t limit) {
+void drain(ChildDescriptor& pipe, std::string& into, std::size_t limit) {
   std::array<char, 65536> buffer;
   while (pipe.valid()) {
     const ssize_t size = ::read(pipe.get(), buffer.data(), buffer.size());
@@ -126,9 +126,9 @@ int pollTimeout(SteadyTime deadline) {
 /// A started program and what is read of it.
 struct Running {
   pid_t child;
-  Descriptor process;  // readable when the program has ended
-  Descriptor out;
-  Descriptor err;
+  ChildDescriptor process;  // readable when the program has ended
+  ChildDescriptor out;
+  ChildDescriptor err;
   int stop_event;  // becomes readable when the program is to end
 
   /// Reads until the program has ended, or must end.
@@ -170,8 +170,9 @@ ProgramResult runProgram(const std::vector<std::string>& arguments, const Progra
   if (arguments.empty()) return notStarted(EINVAL);
   Pipe out;
   Pipe err;
-  const Descriptor in = fileWith(input);
-  const Descriptor event(::eventfd(0, EFD_CLOEXEC));  // outlives the callback that writes to it
+  const ChildDescriptor in = fileWith(input);
+  const ChildDescriptor event(
+      ::eventfd(0, EFD_CLOEXEC));  // outlives the callback that writes to it
   if (!out.read.valid() || !err.read.valid() || !in.valid() || !event.valid()) {
     return notStarted(errno);
   }
@@ -187,7 +188,7 @@ ProgramResult runProgram(const std::vector<std::string>& arguments, const Progra
 
   const BlockingScope blocking;
   ProgramResult result;
-  Running running{child, Descriptor(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))),
+  Running running{child, ChildDescriptor(static_cast<int>(::syscall(SYS_pidfd_open, child, 0))),
                   std::move(out.read), std::move(err.read), event.get()};
   result.end =
       running.process.valid() ? running.watch(limits, result) : ProgramResult::End::kStopped;

@@ -1,14 +1,13 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cerrno>
 #include <nlohmann/json.hpp>
 
 #include "api/route_book.h"
 #include "controller/routes/families.h"
 #include "controller/routes/route_input.h"
 #include "events/event_stream_service.h"
-#include "platform/blocking.h"
+#include "platform/socket_wait.h"
 
 namespace tavrel::controller {
 namespace {
@@ -54,12 +53,9 @@ bool writeAll(const std::vector<events::SharedText>& batch, api::StreamWriter& w
 
 /// Sleeps until the reader has something. False when the client hung up meanwhile.
 bool waitForRecords(const events::EventReader& reader, int client) {
-  const platform::BlockingScope blocking;
-  pollfd sources[] = {{client, POLLRDHUP, 0}, {reader.descriptor(), POLLIN, 0}};
-  while (::poll(sources, 2, -1) < 0) {
-    if (errno != EINTR) return false;
-  }
-  return sources[0].revents == 0;
+  const auto never = platform::deadlineAfter(std::chrono::milliseconds::max());
+  return platform::waitForSocket(reader.descriptor(), POLLIN, client, never) ==
+         platform::SocketWait::kReady;
 }
 
 struct EventRoutes {
