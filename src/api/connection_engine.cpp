@@ -107,7 +107,10 @@ bool ConnectionEngine::workOnce() {
 }
 
 void ConnectionEngine::take(Connection& connection) {
-  if (!beginServing()) return close(connection);
+  if (!beginServing()) {
+    connection.unpark();  // makes what the thread that parked it has written visible to this one
+    return close(connection);
+  }
   fibers_.run(connection.descriptor(), [this, &connection] {
     handle(connection);
     endServing();
