@@ -161,22 +161,31 @@ def gateway(bench):
 
 
 def stream(bench):
-    server = bench.controller()
-    nginx, haproxy = bench.nginx(), bench.servers.haproxy(bench.backend_ports)
-    ours = {path: [] for path in (OPENAI_CHAT, CLUSTER_STREAM)}
-    theirs = {"nginx, proxy_buffering off": [], "HAProxy, http-no-delay": []}
-    others = list(zip(theirs, ((nginx, "/stream"), (haproxy, OPENAI_CHAT))))
-    for index in range(bench.effort.pairs + 1):
-        bench.heartbeat(server, register=0)
-        runs = [(ours[path], server, path) for path in ours]
-        runs += [(theirs[name], other, path) for name, (other, path) in others]
-        for figures, one, path in runs if index % 2 else reversed(runs):
-            measured = _streamed(bench, one, path)
-            if index > 0:  # the first round warms up
-                figures.append(measured)
-    for path in ours:
-        for name in theirs:
-            yield from _stream_lines(path, ours[path], name, theirs[name])
+    """Each path beside proxies that treat their connections to the workers as it does."""
+    server, nginx = bench.controller(), bench.nginx()
+    kept, fresh = (bench.servers.haproxy(bench.backend_ports, kept) for kept in (True, False))
+    beside = {
+        OPENAI_CHAT: {
+            "nginx, proxy_buffering off": (nginx, "/stream"),
+            "HAProxy, http-no-delay": (kept, OPENAI_CHAT),
+        },
+        CLUSTER_STREAM: {
+            "nginx, proxy_buffering off, a connection per request": (nginx, "/stream-fresh"),
+            "HAProxy, http-no-delay, a connection per request": (fresh, OPENAI_CHAT),
+        },
+    }
+    for path, others in beside.items():
+        ours, theirs = [], {name: [] for name in others}
+        runs = [(ours, server, path)]
+        runs += [(theirs[name], other, at) for name, (other, at) in others.items()]
+        for index in range(bench.effort.pairs + 1):
+            bench.heartbeat(server, register=0)
+            for figures, one, at in runs if index % 2 else reversed(runs):
+                measured = _streamed(bench, one, at)
+                if index > 0:  # the first round warms up
+                    figures.append(measured)
+        for name, figures in theirs.items():
+            yield from _stream_lines(path, ours, name, figures)
 
 
 def _streamed(bench, server, path):

@@ -96,14 +96,17 @@ class Servers:
         program.await_http(port, "/api/v1/health")
         return Server("nginx", port, program)
 
-    def haproxy(self, ports):
-        directory = self.machine.directory("haproxy-files")
+    def haproxy(self, ports, kept):
+        """Connections to the workers are `kept`, or made for each request."""
+        directory = self.machine.directory("haproxy-kept" if kept else "haproxy-fresh")
         port = free_port()
         workers = "\n".join(
             f"    server w{index} 127.0.0.1:{worker}" for index, worker in enumerate(ports)
         )
         path = os.path.join(directory, "haproxy.cfg")
-        _write(path, _template("haproxy.cfg").format(port=port, workers=workers))
+        connections = "http-reuse always" if kept else "option http-server-close"
+        text = _template("haproxy.cfg").format(port=port, workers=workers, connections=connections)
+        _write(path, text)
         program = self.machine.start("haproxy", ["haproxy", "-db", "-f", path])
         program.await_http(port, "/dev/stats")
         return Server("haproxy", port, program)
